@@ -16,6 +16,9 @@ struct DirectoryEntry {
 /// improbable: for a caller that finds out anyway, such as one that removes the folder next.
 enum class ReadUpTo { end, likelyEnd };
 
+/// Whether a folder's descriptor has just been opened, or may have been listed through before.
+enum class FolderPosition { start, anywhere };
+
 /// Reads the names in an open folder in the file system's order, "." and ".." left out. One reader
 /// serves many folders, one after another, with one buffer.
 class DirectoryReader {
@@ -26,7 +29,7 @@ class DirectoryReader {
   DirectoryReader& operator=(const DirectoryReader&) = delete;
 
   /// Begins at the first name of the folder open at `fd`, which the caller keeps open meanwhile.
-  void start(int fd, ReadUpTo upTo);
+  void start(int fd, ReadUpTo upTo, FolderPosition position);
 
   /// The next name, or null at the end or after a failure.
   [[nodiscard]] const DirectoryEntry* next();

@@ -10,4 +10,7 @@ namespace morvane::platform {
 /// Returns errno.
 [[nodiscard]] int syncVolume(int fd);
 
+/// Returns when the names in the folder open at `fd` are on its medium. Returns errno.
+[[nodiscard]] int syncFolder(int fd);
+
 }  // namespace morvane::platform

@@ -1,0 +1,95 @@
+#include "backup/backup.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "backup/copy_report.h"
+#include "backup/keywords.h"
+#include "backup/store.h"
+#include "backup/tree_copy.h"
+#include "files/open.h"
+#include "locate/containers.h"
+#include "report/exit_status.h"
+#include "report/log.h"
+#include "report/results.h"
+
+namespace morvane {
+namespace {
+
+constexpr mode_t kAppFolderMode = 0755;
+
+/// What one run of `backup` has come to.
+struct BackupRun {
+  std::vector<std::string> needles;  // empty: everything is copied
+  std::vector<std::string> backedUp;
+  std::int32_t leftOut = 0;
+  int mediumError = 0;
+};
+
+/// Copies the kept folders of one container. False where it has none of them.
+bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& run,
+                     CopyTally& tally) {
+  bool hadData = false;
+  for (const char* folder : kKeptFolders) {
+    const Place source{AT_FDCWD, container + "/" + folder};
+    const Place destination{appFd, folder};
+    if (!openFolderTrustingAt(source.dirFd, source.path)) continue;
+    hadData = true;
+    if (run.needles.empty()) {
+      copyTreeReplacing(source, destination, tally);
+    } else {
+      copyTreeFiltered(source, destination, run.needles, tally);
+    }
+  }
+  return hadData;
+}
+
+void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
+  const std::optional<std::string> container = findContainer(bundleId);
+  if (!container) return results::backupFailContainerNotFound(bundleId);
+  CopyTally tally;
+  const UniqueFd appFd = makeFolderAt(stagingFd, bundleId.c_str(), kAppFolderMode);
+  if (!appFd) tally.note({errno, platform::CopySide::destination});
+  const bool hadData = copyKeptFolders(*container, appFd.get(), run, tally);
+  run.leftOut += tally.leftOut;
+  if (run.mediumError == 0) run.mediumError = tally.mediumError;
+  if (!hadData) return results::backupFailNoFolders(bundleId);
+  run.backedUp.push_back(bundleId);
+  logf_("container backed up: %@", bundleId);
+  logIncompleteCopy(bundleId, tally);
+}
+
+/// Puts the finished copy in its place. Says why not; empty when all is well.
+std::string publish(Staging& staging, const BackupRun& run) {
+  if (run.mediumError != 0) return StoreError{"copy", run.mediumError}.text();
+  const StoreError error = staging.publish(run.backedUp);
+  if (error) return error.text();
+  return staging.verify() ? "" : "verify-read-back thất bại";
+}
+
+}  // namespace
+
+void doBackup(const std::vector<std::string>& bundleIds, const std::string& name,
+              const std::optional<std::string>& keywords) {
+  const std::string finalName = backupFolderName(name);
+  Staging staging(name);
+  BackupRun run;
+  if (keywords) run.needles = parseKeywordNeedles(*keywords);
+  for (const std::string& bundleId : bundleIds) backUpApp(bundleId, staging.fd(), run);
+  if (!run.needles.empty()) {
+    logf_("lightweight backup: skipped %d file/dir matching keyword filter", run.leftOut);
+  }
+  if (run.backedUp.empty()) {
+    staging.discard();
+    results::backupFailNoData(finalName);
+    endProcess(ExitStatus::failed);
+  }
+  const std::string error = publish(staging, run);
+  if (!error.empty()) {
+    results::backupFailNotVerified(finalName, error);
+    endProcess(ExitStatus::failed);
+  }
+  results::backupOk(finalName);
+}
+
+}  // namespace morvane

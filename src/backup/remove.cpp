@@ -1,0 +1,20 @@
+#include "backup/remove.h"
+
+#include "backup/store.h"
+#include "report/exit_status.h"
+#include "report/results.h"
+#include "reset/wipe.h"
+
+namespace morvane {
+
+void doRemoveBackup(const std::string& target) {
+  if (target == kAllBackups) {
+    wipeDirContents(kBackupRoot);
+  } else if (!removeIfExists(std::string(kBackupRoot) + "/" + target)) {
+    results::removeFailNotFound();
+    endProcess(ExitStatus::failed);
+  }
+  results::removeOk(target);
+}
+
+}  // namespace morvane

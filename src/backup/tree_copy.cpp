@@ -1,0 +1,58 @@
+#include "backup/tree_copy.h"
+
+#include <sys/stat.h>
+
+#include "backup/keywords.h"
+#include "files/open.h"
+
+namespace morvane {
+namespace {
+
+constexpr mode_t kPrivateFolder = S_IRWXU;  // until it gets the source's owner and mode
+
+void noteDestinationFailure(CopyTally& tally) {
+  tally.note({errno, platform::CopySide::destination});
+}
+
+/// The folder at `place`, made where it is missing; `isNew` tells which.
+UniqueFd openOrMake(const Place& place, bool& isNew) {
+  const SplitPath split = splitPath(place.path);
+  const UniqueFd parent = makeFoldersAt(place.dirFd, split.parent);
+  if (!parent) return {};
+  isNew = !statusAt(parent.get(), split.name.c_str());
+  return makeFolderAt(parent.get(), split.name.c_str(), kPrivateFolder);
+}
+
+}  // namespace
+
+void copyTreeFiltered(const Place& source, const Place& destination,
+                      const std::vector<std::string>& needles, CopyTally& tally,
+                      CopyObserver* observer) {
+  const UniqueFd src = openFolderTrustingAt(source.dirFd, source.path);
+  if (!src) return;
+  bool isNew = false;
+  const UniqueFd dst = openOrMake(destination, isNew);
+  if (!dst) return noteDestinationFailure(tally);
+  KeywordFilter filter(needles);
+  copyContents(src.get(), dst.get(),
+               {.onExisting = OnExisting::keep, .filter = &filter, .observer = observer}, tally);
+  copyAttributes(src.get(), dst.get(), tally);
+}
+
+void copyTreeReplacing(const Place& source, const Place& destination, CopyTally& tally,
+                       CopyObserver* observer) {
+  const UniqueFd src = openFolderTrustingAt(source.dirFd, source.path);
+  if (!src) return;
+  bool isNew = false;
+  const UniqueFd dst = openOrMake(destination, isNew);
+  if (!dst) return noteDestinationFailure(tally);
+  copyContents(src.get(), dst.get(),
+               {.onExisting = OnExisting::replaceTopLevel, .observer = observer}, tally);
+  if (isNew) return copyAttributes(src.get(), dst.get(), tally);
+  // The folder is the app's own and keeps its owner and mode. That we have written in it is no
+  // change of the app's.
+  struct stat status;
+  if (fstat(src.get(), &status) == 0) (void)platform::setTimes(dst.get(), status);
+}
+
+}  // namespace morvane

@@ -1,0 +1,171 @@
+#include "files/copy_tree.h"
+
+#include <sys/stat.h>
+
+#include "files/open.h"
+#include "files/remove_tree.h"
+#include "files/tree_walk.h"
+
+namespace morvane {
+namespace {
+
+using platform::CopyOutcome;
+using platform::CopySide;
+
+constexpr mode_t kPrivateFolder = S_IRWXU;  // until the source's owner and mode are given
+constexpr mode_t kPlainFolder = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
+
+bool isMediumError(int error) {
+  return error == ENOSPC || error == EDQUOT || error == EIO || error == EROFS;
+}
+
+CopyOutcome destinationFailure() { return {errno, CopySide::destination}; }
+CopyOutcome sourceFailure() { return {errno, CopySide::source}; }
+
+class Copier : public TreeVisitor {
+ public:
+  Copier(int dst, const CopyOptions& options, CopyTally& tally)
+      : options_(options), tally_(tally) {
+    place_.start(dst);
+  }
+
+  void visitFile(int dirFd, const char* name, FileType type) override {
+    if (isLeftOut(name)) return;
+    if (!inStep()) return (void)++tally_.failed;
+    makeRoomFor(name);
+    if (type == FileType::other) return;
+    const bool emptyFolder = options_.filter && type == FileType::link && isFolderAt(dirFd, name);
+    const CopyOutcome outcome = emptyFolder                ? makeEmptyFolder(dirFd, name)
+                                : type == FileType::link ? copyLink(dirFd, name)
+                                                         : copyFile(dirFd, name);
+    noteFile(outcome);
+  }
+
+  Descend visitFolder(int /*dirFd*/, const char* name) override {
+    return isLeftOut(name) ? Descend::no : Descend::yes;
+  }
+
+  Descend enteredFolder(const char* name, int /*fd*/) override {
+    const CopyOutcome made = inStep() ? makeFolder(name) : CopyOutcome{ESTALE, CopySide::source};
+    tally_.note(made);
+    if (!made.ok()) return Descend::no;
+    ++depth_;
+    if (options_.filter) options_.filter->enterFolder(name);
+    return Descend::yes;
+  }
+
+  void leavingFolder(int fd) override {
+    if (inStep()) copyAttributes(fd, place_.current(), tally_);
+    lostFolder();
+  }
+
+  void lostFolder() override {
+    if (options_.filter) options_.filter->leaveFolder();
+    if (inStep()) place_.leave();
+    --depth_;
+  }
+
+  Again leftFolder(int /*dirFd*/, const char* /*name*/) override { return Again::no; }
+
+  void failed(const char* /*name*/, int error) override {
+    tally_.note({error, CopySide::source});
+  }
+
+ private:
+  [[nodiscard]] bool isLeftOut(const char* name) {
+    if (!options_.filter || !options_.filter->leavesOut(name)) return false;
+    ++tally_.leftOut;
+    return true;
+  }
+
+  /// Whether the destination's place corresponds to the source's: not if someone has moved the
+  /// folders that are being written away, until the walk is back where both are known.
+  [[nodiscard]] bool inStep() const { return place_.depth() == depth_; }
+
+  void makeRoomFor(const char* name) {
+    if (options_.onExisting != OnExisting::replaceTopLevel || depth_ != 0) return;
+    (void)removeEntryAt(place_.current(), name);  // if it stays, the copy says so
+  }
+
+  CopyOutcome copyFile(int dirFd, const char* name) {
+    const UniqueFd file = openToReadAt(dirFd, name);
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0) return sourceFailure();
+    if (!S_ISREG(status.st_mode)) return {ENOENT, CopySide::source};  // replaced since the listing
+    const CopyOutcome outcome =
+        platform::copyFileAt(file.get(), status, place_.current(), name);
+    if (outcome.ok() && options_.observer) {
+      options_.observer->copied(name, static_cast<std::uint64_t>(status.st_size));
+    }
+    return outcome;
+  }
+
+  CopyOutcome copyLink(int dirFd, const char* name) {
+    return platform::copyLinkAt(dirFd, name, place_.current(), name);
+  }
+
+  CopyOutcome makeEmptyFolder(int dirFd, const char* name) {
+    const std::optional<struct stat> link = statusAt(dirFd, name);
+    if (!link) return sourceFailure();
+    const UniqueFd folder = makeFolderAt(place_.current(), name, kPlainFolder);
+    if (!folder) return destinationFailure();
+    if (fchown(folder.get(), link->st_uid, link->st_gid) != 0) return destinationFailure();
+    return {platform::setTimes(folder.get(), *link), CopySide::destination};
+  }
+
+  CopyOutcome makeFolder(const char* name) {
+    makeRoomFor(name);
+    const bool made = mkdirat(place_.current(), name, kPrivateFolder) == 0;
+    if (!made && (errno != EEXIST || options_.onExisting != OnExisting::keep)) {
+      return destinationFailure();
+    }
+    if (const int error = place_.enter(name); error != 0) return {error, CopySide::destination};
+    if (!made || isOurs(place_.current())) return {};
+    place_.leave();
+    return {ESTALE, CopySide::destination};
+  }
+
+  /// Where the destination's parent belongs to an app, a folder that we have just made can be
+  /// replaced by another before it is opened. Ours belongs to us and lets nobody else in.
+  static bool isOurs(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
+           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+  }
+
+  /// A file that is there already is kept: it is the copy of an earlier, equal walk.
+  void noteFile(const CopyOutcome& outcome) {
+    const bool kept = outcome.error == EEXIST && outcome.side == CopySide::destination &&
+                      options_.onExisting == OnExisting::keep;
+    if (!kept) tally_.note(outcome);
+  }
+
+  const CopyOptions& options_;
+  CopyTally& tally_;
+  DirStack place_;    // in the destination
+  size_t depth_ = 0;  // in the source
+};
+
+}  // namespace
+
+void CopyTally::note(const platform::CopyOutcome& outcome) {
+  const bool vanished = outcome.error == ENOENT && outcome.side == CopySide::source;
+  if (outcome.ok() || vanished) return;
+  ++failed;
+  const bool medium = outcome.side == CopySide::destination && isMediumError(outcome.error);
+  if (medium && mediumError == 0) mediumError = outcome.error;
+}
+
+void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally) {
+  Copier copier(dst, options, tally);
+  TreeWalk walk(copier, platform::ReadUpTo::end);
+  walk.run(src);
+}
+
+void copyAttributes(int src, int dst, CopyTally& tally) {
+  struct stat status;
+  if (fstat(src, &status) != 0) return tally.note(sourceFailure());
+  tally.note(platform::copyFolderAttributes(src, status, dst));
+}
+
+}  // namespace morvane

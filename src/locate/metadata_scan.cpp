@@ -1,0 +1,108 @@
+#include "locate/metadata_scan.h"
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <optional>
+
+#include "files/open.h"
+#include "locate/needle_search.h"
+#include "platform/directory.h"
+
+namespace morvane {
+namespace {
+
+using platform::FileType;
+
+constexpr size_t kPieceSize = 64 * 1024;
+
+/// Reads the next piece. Its size is 0 at the end, or where nothing more can be read.
+std::string_view readPiece(int fd, std::array<char, kPieceSize>& buffer) {
+  ssize_t got = 0;
+  do {
+    got = read(fd, buffer.data(), buffer.size());
+  } while (got < 0 && errno == EINTR);
+  return {buffer.data(), got > 0 ? static_cast<size_t>(got) : 0};
+}
+
+/// Moves to the next stretch of data. A hole reads as zeros of any length at no cost in storage, and
+/// two of them stand for all: they end an occurrence before the hole, and none can begin in them.
+/// False at the end of the file.
+bool skipHole(int fd, NeedleSearch& search, bool& matched) {
+#ifdef SEEK_DATA
+  const off_t here = lseek(fd, 0, SEEK_CUR);
+  const off_t data = lseek(fd, here, SEEK_DATA);
+  if (data == here || (data < 0 && errno != ENXIO)) return true;
+  matched = search.feed(std::string_view("\0\0", 2));
+  return data >= 0;
+#else
+  return true;
+#endif
+}
+
+bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
+  static std::array<char, kPieceSize> buffer;
+  NeedleSearch search(needle, rule);
+  bool matched = false;
+  while (true) {
+    const std::string_view piece = readPiece(fd, buffer);
+    if (!piece.empty() && search.feed(piece)) return true;
+    // A file that does not fill the buffer has been read to its end.
+    if (piece.size() < buffer.size()) return search.finish();
+    if (!skipHole(fd, search, matched) || matched) return matched || search.finish();
+  }
+}
+
+/// The open metadata file of the container folder `name` in `rootFd`; empty where there is none that
+/// can be read as a file.
+UniqueFd openMetadata(int rootFd, const platform::DirectoryEntry& entry) {
+  const bool folder = entry.type == FileType::folder;
+  const bool mayLead = entry.type == FileType::link || entry.type == FileType::unknown;
+  if (!folder && !mayLead) return {};
+  const std::string path = std::string(entry.name) + "/" + kMetaName;
+  const std::optional<struct stat> status = folder ? statusAt(rootFd, path.c_str()) : std::nullopt;
+  if (folder && !status) return {};
+  if (status && !S_ISREG(status->st_mode) && !S_ISLNK(status->st_mode)) return {};
+  UniqueFd file = openToReadTrustingAt(rootFd, path);
+  if (status && S_ISREG(status->st_mode)) return file;
+  struct stat opened;
+  if (!file || fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode)) return {};
+  return file;
+}
+
+enum class HowMany { all, first };
+
+std::vector<std::string> scan(const std::string& root, std::string_view needle, MatchRule rule,
+                              HowMany howMany) {
+  std::vector<std::string> found;
+  if (needle.empty()) return found;
+  const UniqueFd rootFd = openFolderTrusting(root);
+  if (!rootFd) return found;
+  platform::DirectoryReader reader;
+  reader.start(rootFd.get(), platform::ReadUpTo::end, platform::FolderPosition::start);
+  while (const platform::DirectoryEntry* entry = reader.next()) {
+    const UniqueFd metadata = openMetadata(rootFd.get(), *entry);
+    if (!metadata || !fileMatches(metadata.get(), needle, rule)) continue;
+    found.push_back(root + "/" + entry->name);
+    if (howMany == HowMany::first) break;
+  }
+  return found;
+}
+
+}  // namespace
+
+std::vector<std::string> dirScanContaining(const std::string& root, std::string_view needle) {
+  return scan(root, needle, MatchRule::anywhere, HowMany::all);
+}
+
+std::vector<std::string> dirScanWordBoundary(const std::string& root, std::string_view needle) {
+  return scan(root, needle, MatchRule::beforeBoundary, HowMany::all);
+}
+
+std::string dirScanFirstContaining(const std::string& root, std::string_view needle) {
+  const std::vector<std::string> found = scan(root, needle, MatchRule::anywhere, HowMany::first);
+  return found.empty() ? "" : found.front();
+}
+
+}  // namespace morvane
