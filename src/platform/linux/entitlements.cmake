@@ -1,0 +1,15 @@
+# Compiles the keychain access groups of the entitlements that sign the iPhone binary into the host
+# build, so that both answer for the same groups. Sets MORVANE_ENTITLED_GROUPS to the source made.
+set(entitlements ${PROJECT_SOURCE_DIR}/packaging/entitlements.plist)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${entitlements})
+file(READ ${entitlements} text)
+string(REGEX MATCH "<key>keychain-access-groups</key>[ \t\r\n]*<array>([^&;]*)" _ "${text}")
+string(REGEX REPLACE "</array>.*" "" array "${CMAKE_MATCH_1}")
+string(REGEX MATCHALL "<string>[^<]+</string>" groups "${array}")
+if(NOT groups)
+  message(FATAL_ERROR "${entitlements} lists no keychain-access-groups")
+endif()
+list(TRANSFORM groups REPLACE "<string>(.+)</string>" "    \"\\1\"")
+list(JOIN groups ",\n" MORVANE_GROUP_LITERALS)
+set(MORVANE_ENTITLED_GROUPS ${CMAKE_CURRENT_BINARY_DIR}/entitled_groups.cpp)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/entitled_groups.cpp.in ${MORVANE_ENTITLED_GROUPS} @ONLY)
