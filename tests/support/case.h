@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace morvane::test {
+
+/// A test with a /var of its own: a fresh folder, seen as /var by the test and by every command it
+/// runs. It is removed after a test that passed; after one that failed it stays, and its path
+/// outside is printed. Nothing outside that folder can be reached under /var.
+class Case : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
+/// The folder of the running case. Its subfolder "var" is what stands at /var; beside it there is
+/// room for what must lie outside.
+const std::string& caseFolder();
+
+/// Whether files can be given to other users here. Not for an ordinary user in a user namespace.
+bool ownershipIsFree();
+
+/// Skips the running test for `reason`, except where skipping would go unnoticed: in CI it fails.
+/// Use as `SKIP_OR_FAIL("...")`.
+bool skippingIsFailure();
+
+}  // namespace morvane::test
+
+#define SKIP_OR_FAIL(reason)                                      \
+  do {                                                            \
+    if (::morvane::test::skippingIsFailure()) FAIL() << (reason); \
+    GTEST_SKIP() << (reason);                                     \
+  } while (false)
