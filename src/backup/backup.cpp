@@ -75,7 +75,8 @@ void doBackup(const std::vector<std::string>& bundleIds, const std::string& name
   Staging staging(name);
   BackupRun run;
   if (keywords) run.needles = parseKeywordNeedles(*keywords);
-  for (const std::string& bundleId : bundleIds) backUpApp(bundleId, staging.fd(), run);
+  for (const std::string& bundleId : bundleIds)
+    backUpApp(bundleId, staging.fd(), run);
   if (!run.needles.empty()) {
     logf_("lightweight backup: skipped %d file/dir matching keyword filter", run.leftOut);
   }

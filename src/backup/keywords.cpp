@@ -8,8 +8,8 @@
 namespace morvane {
 namespace {
 
-// How many bytes of a name one byte of a needle can stand for: a character can be written as several
-// (decomposed, or folded to several letters), and each of those takes up to four bytes.
+// How many bytes of a name one byte of a needle can stand for: a character can be written as
+// several (decomposed, or folded to several letters), and each of those takes up to four bytes.
 constexpr size_t kWidestByte = 16;
 
 bool isAscii(std::string_view text) {
@@ -17,7 +17,9 @@ bool isAscii(std::string_view text) {
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 void lowerInto(std::string_view text, std::string& result) {
   result.resize(text.size());

@@ -8,8 +8,8 @@
 
 namespace morvane {
 
-/// The needles of a keywords argument, in order, repeats kept: the pieces between "|" and line feeds,
-/// trimmed and normalised; empty ones are dropped. A comma is part of its keyword.
+/// The needles of a keywords argument, in order, repeats kept: the pieces between "|" and line
+/// feeds, trimmed and normalised; empty ones are dropped. A comma is part of its keyword.
 [[nodiscard]] std::vector<std::string> parseKeywordNeedles(std::string_view keywords);
 
 /// One keyword without its "*" (no wildcard, only a habit of typing) and without "/" at its ends.

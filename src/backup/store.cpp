@@ -34,9 +34,13 @@ int mediumErrorOf(int error) {
 
 }  // namespace
 
-std::string backupFolderName(std::string_view name) { return std::string(name) + ".morvane"; }
+std::string backupFolderName(std::string_view name) {
+  return std::string(name) + ".morvane";
+}
 
-std::string StoreError::text() const { return step + ": " + std::strerror(code); }
+std::string StoreError::text() const {
+  return step + ": " + std::strerror(code);
+}
 
 Staging::Staging(const std::string& backupName)
     : stagingName_(".staging_" + backupName + "_" + std::to_string(getpid())),

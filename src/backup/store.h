@@ -8,8 +8,8 @@
 
 namespace morvane {
 
-/// Where the backups are kept: one folder each, named "<name>.morvane", which holds a folder for each
-/// app and, as the mark of a finished backup, the manifest.
+/// Where the backups are kept: one folder each, named "<name>.morvane", which holds a folder for
+/// each app and, as the mark of a finished backup, the manifest.
 inline constexpr const char* kBackupRoot = "/var/mobile/MorvaneBackups";
 inline constexpr const char* kManifestName = "manifest.txt";
 
@@ -28,9 +28,9 @@ struct StoreError {
   [[nodiscard]] std::string text() const;
 };
 
-/// A backup in the making: a staging folder in the store, under a name that no other run uses, which
-/// becomes the finished backup in one step. A run that is killed leaves it behind; `removebackup ALL`
-/// takes it away.
+/// A backup in the making: a staging folder in the store, under a name that no other run uses,
+/// which becomes the finished backup in one step. A run that is killed leaves it behind;
+/// `removebackup ALL` takes it away.
 class Staging {
  public:
   /// Makes the store, for root alone, and the staging folder in it. What fails is kept for publish.

@@ -13,7 +13,8 @@ namespace {
   endProcess(ExitStatus::badUsage);
 }
 
-/// A token becomes a path component and part of a scan's needle: it must not lead out of its folder.
+/// A token becomes a path component and part of a scan's needle: it must not lead out of its
+/// folder.
 bool isSafeToken(std::string_view text, std::string_view pattern) {
   return matchesRegex(text, pattern) && text.find("..") == std::string_view::npos &&
          !text.starts_with('.');
@@ -44,7 +45,9 @@ Flags parseFlags(std::string_view text) {
   return flags;
 }
 
-bool isValidToken(std::string_view text) { return isSafeToken(text, "^[A-Za-z0-9._-]+$"); }
+bool isValidToken(std::string_view text) {
+  return isSafeToken(text, "^[A-Za-z0-9._-]+$");
+}
 
 bool isValidBackupFilename(std::string_view text) {
   return isSafeToken(text, R"(^[A-Za-z0-9._-]+\.morvane$)");

@@ -8,9 +8,9 @@
 
 namespace morvane {
 
-/// The bundle identifiers of a comma-separated argument, in order, repeats kept; never empty. Blanks
-/// around them and empty pieces are passed over. An identifier that is not valid, or none at all,
-/// ends the process with an error.
+/// The bundle identifiers of a comma-separated argument, in order, repeats kept; never empty.
+/// Blanks around them and empty pieces are passed over. An identifier that is not valid, or none at
+/// all, ends the process with an error.
 [[nodiscard]] std::vector<std::string> parseBundles(std::string_view text);
 
 /// The switches of a comma-separated argument of "key=value" pieces: on for the value "1" exactly,
@@ -24,8 +24,8 @@ namespace morvane {
 /// Whether `text` can be the folder name of a backup: a token that ends in ".morvane".
 [[nodiscard]] bool isValidBackupFilename(std::string_view text);
 
-/// Whether the first match of the ICU regular expression `pattern` in `text` is all of it. False for
-/// an empty text, and for a pattern that does not compile.
+/// Whether the first match of the ICU regular expression `pattern` in `text` is all of it. False
+/// for an empty text, and for a pattern that does not compile.
 [[nodiscard]] bool matchesRegex(std::string_view text, std::string_view pattern);
 
 }  // namespace morvane

@@ -27,7 +27,9 @@ ExitStatus refuse(std::string_view message) {
   return ExitStatus::badUsage;
 }
 
-ExitStatus refuseFileName() { return refuse("[morvane_cli] invalid backup file name\n"); }
+ExitStatus refuseFileName() {
+  return refuse("[morvane_cli] invalid backup file name\n");
+}
 
 ExitStatus runReset(Arguments arguments) {
   if (arguments.size() != 4 && arguments.size() != 5) return usage();
@@ -37,7 +39,8 @@ ExitStatus runReset(Arguments arguments) {
   const ResetMode resetMode = mode == "kill" ? ResetMode::kill : ResetMode::clear;
   const Flags flags = arguments.size() == 5 ? parseFlags(arguments[4]) : Flags();
   bool anyReset = false;
-  for (const std::string& bundle : bundles) anyReset = doReset(bundle, resetMode, flags) || anyReset;
+  for (const std::string& bundle : bundles)
+    anyReset = doReset(bundle, resetMode, flags) || anyReset;
   return anyReset ? ExitStatus::ok : ExitStatus::failed;
 }
 

@@ -6,9 +6,9 @@
 
 namespace morvane {
 
-/// Runs the one command that `arguments` (the program's name first) ask for. All of them are checked
-/// before anything is touched. Refused arguments and failed backup-store commands end the process;
-/// otherwise returns the status to end it with.
+/// Runs the one command that `arguments` (the program's name first) ask for. All of them are
+/// checked before anything is touched. Refused arguments and failed backup-store commands end the
+/// process; otherwise returns the status to end it with.
 [[nodiscard]] ExitStatus runCommand(std::span<const char* const> arguments);
 
 }  // namespace morvane

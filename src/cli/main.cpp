@@ -10,8 +10,8 @@
 
 namespace {
 
-/// Without exceptions there is nothing to unwind to: says why, and ends. What a run has not published
-/// by then is left in its staging folder.
+/// Without exceptions there is nothing to unwind to: says why, and ends. What a run has not
+/// published by then is left in its staging folder.
 void outOfMemory() {
   morvane::writeOut(morvane::Stream::standardError, "[morvane_cli] out of memory\n");
   _exit(static_cast<int>(morvane::ExitStatus::failed));

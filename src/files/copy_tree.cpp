@@ -19,13 +19,16 @@ bool isMediumError(int error) {
   return error == ENOSPC || error == EDQUOT || error == EIO || error == EROFS;
 }
 
-CopyOutcome destinationFailure() { return {errno, CopySide::destination}; }
-CopyOutcome sourceFailure() { return {errno, CopySide::source}; }
+CopyOutcome destinationFailure() {
+  return {errno, CopySide::destination};
+}
+CopyOutcome sourceFailure() {
+  return {errno, CopySide::source};
+}
 
 class Copier : public TreeVisitor {
  public:
-  Copier(int dst, const CopyOptions& options, CopyTally& tally)
-      : options_(options), tally_(tally) {
+  Copier(int dst, const CopyOptions& options, CopyTally& tally) : options_(options), tally_(tally) {
     place_.start(dst);
   }
 
@@ -35,7 +38,7 @@ class Copier : public TreeVisitor {
     makeRoomFor(name);
     if (type == FileType::other) return;
     const bool emptyFolder = options_.filter && type == FileType::link && isFolderAt(dirFd, name);
-    const CopyOutcome outcome = emptyFolder                ? makeEmptyFolder(dirFd, name)
+    const CopyOutcome outcome = emptyFolder              ? makeEmptyFolder(dirFd, name)
                                 : type == FileType::link ? copyLink(dirFd, name)
                                                          : copyFile(dirFd, name);
     noteFile(outcome);
@@ -67,9 +70,7 @@ class Copier : public TreeVisitor {
 
   Again leftFolder(int /*dirFd*/, const char* /*name*/) override { return Again::no; }
 
-  void failed(const char* /*name*/, int error) override {
-    tally_.note({error, CopySide::source});
-  }
+  void failed(const char* /*name*/, int error) override { tally_.note({error, CopySide::source}); }
 
  private:
   [[nodiscard]] bool isLeftOut(const char* name) {
@@ -92,8 +93,7 @@ class Copier : public TreeVisitor {
     struct stat status;
     if (!file || fstat(file.get(), &status) != 0) return sourceFailure();
     if (!S_ISREG(status.st_mode)) return {ENOENT, CopySide::source};  // replaced since the listing
-    const CopyOutcome outcome =
-        platform::copyFileAt(file.get(), status, place_.current(), name);
+    const CopyOutcome outcome = platform::copyFileAt(file.get(), status, place_.current(), name);
     if (outcome.ok() && options_.observer) {
       options_.observer->copied(name, static_cast<std::uint64_t>(status.st_size));
     }

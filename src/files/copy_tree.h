@@ -38,20 +38,20 @@ struct CopyTally {
   void note(const platform::CopyOutcome& outcome);
 };
 
-/// What a copy does where an entry of the source exists in the destination already. A folder that is
-/// kept is copied into; a file that is kept stays as it is.
+/// What a copy does where an entry of the source exists in the destination already. A folder that
+/// is kept is copied into; a file that is kept stays as it is.
 enum class OnExisting { keep, replaceTopLevel };
 
 struct CopyOptions {
   OnExisting onExisting = OnExisting::keep;
-  EntryFilter* filter = nullptr;      // null: nothing is left out
-  CopyObserver* observer = nullptr;   // null: nobody is told
+  EntryFilter* filter = nullptr;     // null: nothing is left out
+  CopyObserver* observer = nullptr;  // null: nobody is told
 };
 
-/// Copies what is below the folder open at `src` into the folder open at `dst`, with everything that
-/// platform::copyFileAt and its siblings keep; no link in either is followed. FIFOs, sockets and
-/// devices are left out and never opened. Under a filter, a link that resolves to a folder becomes an
-/// empty folder. Goes on after every failure; `tally` is added to.
+/// Copies what is below the folder open at `src` into the folder open at `dst`, with everything
+/// that platform::copyFileAt and its siblings keep; no link in either is followed. FIFOs, sockets
+/// and devices are left out and never opened. Under a filter, a link that resolves to a folder
+/// becomes an empty folder. Goes on after every failure; `tally` is added to.
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally);
 
 /// Gives the folder open at `dst` what the folder open at `src` has besides its contents.

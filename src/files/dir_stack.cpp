@@ -59,11 +59,12 @@ bool DirStack::reopen(size_t index, UniqueFd candidate) {
   return true;
 }
 
-/// The folder we came from has been moved elsewhere, so its ".." is of no use: goes down by the names
-/// from the deepest level above that is still open, as far as these lead to the same folders.
+/// The folder we came from has been moved elsewhere, so its ".." is of no use: goes down by the
+/// names from the deepest level above that is still open, as far as these lead to the same folders.
 void DirStack::descendAgain(size_t goal) {
   size_t start = goal;
-  while (levels_[start].get() == -1) --start;
+  while (levels_[start].get() == -1)
+    --start;
   size_t reached = start;
   while (reached < goal) {
     const Level& next = levels_[reached + 1];

@@ -11,9 +11,9 @@
 namespace morvane {
 
 /// A place in a tree of any depth: the open folders from a root down to the current one. Only the
-/// deepest few and the root are held open, so that neither the descriptor limit nor the stack bounds
-/// the depth; a folder that was closed meanwhile is opened again on the way up, and is recognised by
-/// its device and inode. No link is ever followed.
+/// deepest few and the root are held open, so that neither the descriptor limit nor the stack
+/// bounds the depth; a folder that was closed meanwhile is opened again on the way up, and is
+/// recognised by its device and inode. No link is ever followed.
 class DirStack {
  public:
   DirStack() = default;

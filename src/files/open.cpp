@@ -135,7 +135,8 @@ std::vector<std::string> namesIn(int fd) {
   std::vector<std::string> names;
   platform::DirectoryReader reader;
   reader.start(fd, platform::ReadUpTo::end, platform::FolderPosition::anywhere);
-  while (const platform::DirectoryEntry* entry = reader.next()) names.emplace_back(entry->name);
+  while (const platform::DirectoryEntry* entry = reader.next())
+    names.emplace_back(entry->name);
   return names;
 }
 

@@ -10,9 +10,9 @@
 
 namespace morvane {
 
-/// Below the folders that belong to the system, everything can be put there by an app. So nothing in
-/// this part follows a link by accident, waits for a FIFO's writer or takes a terminal: what opens
-/// something opens it here.
+/// Below the folders that belong to the system, everything can be put there by an app. So nothing
+/// in this part follows a link by accident, waits for a FIFO's writer or takes a terminal: what
+/// opens something opens it here.
 ///
 /// A link counts as *trusted* when root or the user we run as owns it: whoever can make such a link
 /// needs no help of ours. The functions named "Trusting" follow trusted links in any component of

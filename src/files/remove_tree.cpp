@@ -28,7 +28,8 @@ bool unlinkEntry(int dirFd, const char* name, int flags) {
 /// Files are removed as they are listed and each folder once it has been left. Whether a folder is
 /// empty is for the removal itself to say: while it is not, and something has happened in the last
 /// pass, the folder is listed again. So entries that a file system passes over because the folder
-/// changed under the listing, and entries that have changed their kind meanwhile, go in a later pass.
+/// changed under the listing, and entries that have changed their kind meanwhile, go in a later
+/// pass.
 class Remover : public TreeVisitor {
  public:
   explicit Remover(const char* keep) : keep_(keep) {}

@@ -45,9 +45,10 @@ class TreeVisitor {
   virtual void lostFolder() = 0;
 };
 
-/// Walks the tree below an open folder: each folder is listed whole, what is no folder being visited
-/// as it is read, then its subfolders are entered one by one. Iterative, with a bounded number of
-/// open descriptors; holds only the names of the subfolders still to be entered on the way down.
+/// Walks the tree below an open folder: each folder is listed whole, what is no folder being
+/// visited as it is read, then its subfolders are entered one by one. Iterative, with a bounded
+/// number of open descriptors; holds only the names of the subfolders still to be entered on the
+/// way down.
 class TreeWalk {
  public:
   /// `upTo` says how far listings must go (see platform::ReadUpTo).

@@ -10,8 +10,9 @@ namespace morvane {
 inline constexpr const char* kDataRoot = "/var/mobile/Containers/Data/Application";
 inline constexpr const char* kGroupRoot = "/var/mobile/Containers/Shared/AppGroup";
 
-/// The path of the app's data container: as its application record has it (whether or not it exists),
-/// else the first container whose metadata mentions the identifier; nothing where there is neither.
+/// The path of the app's data container: as its application record has it (whether or not it
+/// exists), else the first container whose metadata mentions the identifier; nothing where there is
+/// neither.
 [[nodiscard]] std::optional<std::string> findContainer(const std::string& bundleId);
 
 /// The paths of the app's app-group containers. A record that names any group decides alone, even

@@ -26,9 +26,9 @@ std::string_view readPiece(int fd, std::array<char, kPieceSize>& buffer) {
   return {buffer.data(), got > 0 ? static_cast<size_t>(got) : 0};
 }
 
-/// Moves to the next stretch of data. A hole reads as zeros of any length at no cost in storage, and
-/// two of them stand for all: they end an occurrence before the hole, and none can begin in them.
-/// False at the end of the file.
+/// Moves to the next stretch of data. A hole reads as zeros of any length at no cost in storage,
+/// and two of them stand for all: they end an occurrence before the hole, and none can begin in
+/// them. False at the end of the file.
 bool skipHole(int fd, NeedleSearch& search, bool& matched) {
 #ifdef SEEK_DATA
   const off_t here = lseek(fd, 0, SEEK_CUR);
@@ -54,8 +54,8 @@ bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
   }
 }
 
-/// The open metadata file of the container folder `name` in `rootFd`; empty where there is none that
-/// can be read as a file.
+/// The open metadata file of the container folder `name` in `rootFd`; empty where there is none
+/// that can be read as a file.
 UniqueFd openMetadata(int rootFd, const platform::DirectoryEntry& entry) {
   const bool folder = entry.type == FileType::folder;
   const bool mayLead = entry.type == FileType::link || entry.type == FileType::unknown;

@@ -6,8 +6,8 @@
 
 namespace morvane {
 
-/// The file that the container manager keeps at the top of every container. Never parsed: the owning
-/// identifier stands in it as plain bytes in the binary form as in the XML form.
+/// The file that the container manager keeps at the top of every container. Never parsed: the
+/// owning identifier stands in it as plain bytes in the binary form as in the XML form.
 inline constexpr const char* kMetaName = ".com.apple.mobile_container_manager.metadata.plist";
 
 /// The folders directly in `root` whose metadata file holds `needle` anywhere, as full paths in
@@ -15,8 +15,8 @@ inline constexpr const char* kMetaName = ".com.apple.mobile_container_manager.me
 [[nodiscard]] std::vector<std::string> dirScanContaining(const std::string& root,
                                                          std::string_view needle);
 
-/// Likewise, where `needle` is followed by the end of the text, "." or a control code (0 to 31). The
-/// search goes on behind an occurrence that is not, so one that overlaps it is never seen.
+/// Likewise, where `needle` is followed by the end of the text, "." or a control code (0 to 31).
+/// The search goes on behind an occurrence that is not, so one that overlaps it is never seen.
 [[nodiscard]] std::vector<std::string> dirScanWordBoundary(const std::string& root,
                                                            std::string_view needle);
 

@@ -10,8 +10,8 @@ bool isBoundary(char next) {
 
 }  // namespace
 
-/// Searches `text`, of which more may follow. `consumed` becomes the number of bytes that need not be
-/// looked at again: an occurrence at the very end is left for when its next character is known.
+/// Searches `text`, of which more may follow. `consumed` becomes the number of bytes that need not
+/// be looked at again: an occurrence at the very end is left for when its next character is known.
 bool NeedleSearch::search(std::string_view text, size_t& consumed) const {
   size_t at = text.find(needle_);
   while (at != std::string_view::npos) {

@@ -9,8 +9,8 @@ namespace morvane {
 /// What must follow an occurrence for it to count.
 enum class MatchRule { anywhere, beforeBoundary };
 
-/// Looks for a needle in a text that is handed over piece by piece, so that a text of any size needs
-/// only the room of one piece.
+/// Looks for a needle in a text that is handed over piece by piece, so that a text of any size
+/// needs only the room of one piece.
 class NeedleSearch {
  public:
   NeedleSearch(std::string_view needle, MatchRule rule) : needle_(needle), rule_(rule) {}

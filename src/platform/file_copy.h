@@ -18,10 +18,11 @@ struct [[nodiscard]] CopyOutcome {
 };
 
 /// Makes the new regular file `name` in the folder `dstDir` with everything the platform keeps of
-/// the file open at `src`, whose status is `source`: content (cloned where the file system can, with
-/// holes as holes), owner, group, mode, times to the nanosecond, extended attributes, and on Darwin
-/// access lists and flags. Nobody can open the copy meanwhile who could not open it afterwards.
-/// Fails with EEXIST when the name is taken; after any other failure nothing is left under the name.
+/// the file open at `src`, whose status is `source`: content (cloned where the file system can,
+/// with holes as holes), owner, group, mode, times to the nanosecond, extended attributes, and on
+/// Darwin access lists and flags. Nobody can open the copy meanwhile who could not open it
+/// afterwards. Fails with EEXIST when the name is taken; after any other failure nothing is left
+/// under the name.
 CopyOutcome copyFileAt(int src, const struct stat& source, int dstDir, const char* name);
 
 /// Makes the new symbolic link `dstName` in `dstDir` as the link `name` in `srcDir` is, with text,

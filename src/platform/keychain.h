@@ -13,8 +13,8 @@ enum class ItemClass { genericPassword, internetPassword, key, certificate, iden
 
 /// The platform's status code of a keychain call (OSStatus, Security/SecBase.h).
 using KeychainStatus = std::int32_t;
-inline constexpr KeychainStatus kKeychainSuccess = 0;            // errSecSuccess
-inline constexpr KeychainStatus kKeychainItemNotFound = -25300;  // errSecItemNotFound
+inline constexpr KeychainStatus kKeychainSuccess = 0;                  // errSecSuccess
+inline constexpr KeychainStatus kKeychainItemNotFound = -25300;        // errSecItemNotFound
 inline constexpr KeychainStatus kKeychainMissingEntitlement = -34018;  // errSecMissingEntitlement
 
 /// The answer to a query for the items of a class.
@@ -35,8 +35,8 @@ struct KeychainItems {
 [[nodiscard]] KeychainStatus deleteKeychainItems(ItemClass itemClass,
                                                  const std::string& accessGroup);
 
-/// Lists the items of `itemClass` in `accessGroup`, or, without one, in every group that the tool is
-/// entitled to. Never fails otherwise than by its status.
+/// Lists the items of `itemClass` in `accessGroup`, or, without one, in every group that the tool
+/// is entitled to. Never fails otherwise than by its status.
 [[nodiscard]] KeychainItems listKeychainItems(ItemClass itemClass,
                                               const std::optional<std::string>& accessGroup);
 

@@ -9,8 +9,8 @@ namespace morvane::platform {
 /// platform has no such call.
 [[nodiscard]] int openWithoutLinksAt(int dirFd, const char* path, int flags);
 
-/// Opens the symbolic link `name` itself, so that its owner and its text can be had from one and the
-/// same object. Returns the descriptor, or -1 with errno.
+/// Opens the symbolic link `name` itself, so that its owner and its text can be had from one and
+/// the same object. Returns the descriptor, or -1 with errno.
 [[nodiscard]] int openLinkAt(int dirFd, const char* name);
 
 /// The text of the link that openLinkAt opened; false with errno on failure.

@@ -2,8 +2,8 @@
 
 namespace morvane::platform {
 
-/// Lets the names `a` and `b` of the folder `dirFd` change places in one atomic step. Returns errno;
-/// ENOTSUP where the file system cannot.
+/// Lets the names `a` and `b` of the folder `dirFd` change places in one atomic step. Returns
+/// errno; ENOTSUP where the file system cannot.
 [[nodiscard]] int swapNamesAt(int dirFd, const char* a, const char* b);
 
 /// Returns when everything written so far to the file system that holds `fd` is on its medium.

@@ -4,6 +4,8 @@
 
 namespace morvane {
 
-void endProcess(ExitStatus status) { std::exit(static_cast<int>(status)); }
+void endProcess(ExitStatus status) {
+  std::exit(static_cast<int>(status));
+}
 
 }  // namespace morvane

@@ -25,7 +25,8 @@ class MessageArgument {
 [[nodiscard]] std::string formatMessage(std::string_view format,
                                         std::initializer_list<MessageArgument> arguments);
 
-/// Writes one line "[morvane_cli] <message>" to standard error, in one write. Never affects the run.
+/// Writes one line "[morvane_cli] <message>" to standard error, in one write. Never affects the
+/// run.
 void logMessage(std::string_view format, std::initializer_list<MessageArgument> arguments);
 
 /// The progress log: logf_("RESET %@", bundleId).

@@ -3,8 +3,9 @@
 #include <string_view>
 
 /// Every result line that the tool can print, one function each. Controlling programs parse these,
-/// so text and stream of each are fixed: both reset lines go to standard output, every other failure
-/// to standard error, and the per-app failures of the backup store are lines of the progress log.
+/// so text and stream of each are fixed: both reset lines go to standard output, every other
+/// failure to standard error, and the per-app failures of the backup store are lines of the
+/// progress log.
 namespace morvane::results {
 
 void resetOk(std::string_view bundleId);

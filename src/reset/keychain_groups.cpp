@@ -20,7 +20,8 @@ class GroupSet {
     }
   }
   void addAll(GroupList groups) {
-    for (const std::string_view group : groups) add(group);
+    for (const std::string_view group : groups)
+      add(group);
   }
   [[nodiscard]] std::vector<std::string> take() { return std::move(groups_); }
 
@@ -36,8 +37,8 @@ void addFamilyGroups(std::string_view bundleId, GroupSet& groups) {
                    "T84QZS65DQ.com.facebook.Facebook"});
   } else if (bundleId == "com.burbn.instagram") {
     // The first has no "group." here: this family's keychain group is named so.
-    groups.addAll({"com.facebook.family", "group.com.burbn.instagram",
-                   "group.com.instagram.shared", "T84QZS65DQ.platformFamily"});
+    groups.addAll({"com.facebook.family", "group.com.burbn.instagram", "group.com.instagram.shared",
+                   "T84QZS65DQ.platformFamily"});
   } else if (bundleId == "com.zhiliaoapp.musically" ||
              bundleId.starts_with("com.ss.iphone.ugc.Aweme")) {
     groups.add("group.com.zhiliaoapp.musically");

@@ -8,9 +8,13 @@ namespace morvane {
 namespace {
 
 // The C library's tolower asks the locale; the process table holds bytes.
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
-bool equalIgnoringCase(char a, char b) { return lower(a) == lower(b); }
+bool equalIgnoringCase(char a, char b) {
+  return lower(a) == lower(b);
+}
 
 bool matches(std::string_view shortName, std::string_view needle, NameMatch match) {
   if (match == NameMatch::containing) {
@@ -33,7 +37,9 @@ void killProcs(std::string_view name, NameMatch match) {
   }
 }
 
-void killProcessesNamed(std::string_view name) { killProcs(name, NameMatch::whole); }
+void killProcessesNamed(std::string_view name) {
+  killProcs(name, NameMatch::whole);
+}
 
 void killProcessesContaining(std::string_view fragment) {
   killProcs(fragment, NameMatch::containing);

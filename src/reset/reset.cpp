@@ -72,12 +72,13 @@ bool wipeAppData(const std::string& bundleId, const std::optional<std::string>& 
     logf_("container: không tìm thấy cho %@", bundleId);
   }
   const std::vector<std::string> groups = findGroupContainers(bundleId);
-  for (const std::string& group : groups) wipeGroupContainer(group);
+  for (const std::string& group : groups)
+    wipeGroupContainer(group);
   return container || !groups.empty();
 }
 
-/// The system keeps pictures of an app's screen and the state to reopen it with; it may have written
-/// them again when the app was stopped.
+/// The system keeps pictures of an app's screen and the state to reopen it with; it may have
+/// written them again when the app was stopped.
 void wipeSnapshots(const std::string& bundleId, const std::string& container) {
   killProcessesNamed(execNameForBundle(bundleId));
   wipeDirContents(container + "/Library/SplashBoard/Snapshots");

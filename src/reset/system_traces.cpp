@@ -18,8 +18,8 @@ constexpr double kSettleSeconds = 1.0;
 
 bool wipePerAppEntries(const std::string& bundleId) {
   bool found = false;
-  for (const char* folder : {"Caches", "HTTPStorages", "WebKit", "SpringBoard/PushStore",
-                             "Cookies"}) {
+  for (const char* folder :
+       {"Caches", "HTTPStorages", "WebKit", "SpringBoard/PushStore", "Cookies"}) {
     // Every suffix in every folder: which of them an iOS version uses where is not for us to guess.
     for (const char* suffix : {"", ".binarycookies", ".pushstore"}) {
       found = removeIfExists(kLibrary + folder + "/" + bundleId + suffix) || found;

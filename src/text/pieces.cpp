@@ -56,8 +56,10 @@ std::vector<std::string_view> splitAt(std::string_view text, char separator) {
 }
 
 std::string_view trimmed(std::string_view text) {
-  while (const size_t size = spaceAtStart(text)) text.remove_prefix(size);
-  while (const size_t size = spaceAtEnd(text)) text.remove_suffix(size);
+  while (const size_t size = spaceAtStart(text))
+    text.remove_prefix(size);
+  while (const size_t size = spaceAtEnd(text))
+    text.remove_suffix(size);
   return text;
 }
 

@@ -31,7 +31,8 @@ class Database {
   /// Opens the regular file at `path` (never through a link).
   [[nodiscard]] DatabaseState open(const char* path, Access access);
 
-  /// Compiles the one statement `sql`; null when it does not fit the database, and state() says why.
+  /// Compiles the one statement `sql`; null when it does not fit the database, and state() says
+  /// why.
   [[nodiscard]] Statement prepare(std::string_view sql);
 
   /// Runs `statement` up to its next row: true when there is one. state() tells the end of the rows

@@ -18,11 +18,16 @@ constexpr size_t kLongestRecord = offsetof(dirent64, d_name) + 256 + 8;
 
 FileType typeOf(unsigned char kernelType) {
   switch (kernelType) {
-    case DT_UNKNOWN: return FileType::unknown;
-    case DT_REG: return FileType::regular;
-    case DT_DIR: return FileType::folder;
-    case DT_LNK: return FileType::link;
-    default: return FileType::other;
+    case DT_UNKNOWN:
+      return FileType::unknown;
+    case DT_REG:
+      return FileType::regular;
+    case DT_DIR:
+      return FileType::folder;
+    case DT_LNK:
+      return FileType::link;
+    default:
+      return FileType::other;
   }
 }
 
@@ -73,8 +78,7 @@ const DirectoryEntry* DirectoryReader::next() {
   while (true) {
     if (state.position == state.filled && !state.fill()) return nullptr;
     // The kernel aligns every record for its 64-bit members.
-    const auto* record =
-        reinterpret_cast<const dirent64*>(state.buffer.data() + state.position);
+    const auto* record = reinterpret_cast<const dirent64*>(state.buffer.data() + state.position);
     state.position += record->d_reclen;
     if (isDotOrDotDot(record->d_name)) continue;
     state.entry = {record->d_name, typeOf(record->d_type)};
@@ -82,6 +86,8 @@ const DirectoryEntry* DirectoryReader::next() {
   }
 }
 
-int DirectoryReader::error() const { return state_->error; }
+int DirectoryReader::error() const {
+  return state_->error;
+}
 
 }  // namespace morvane::platform

@@ -21,12 +21,16 @@ namespace morvane::platform {
 namespace {
 
 constexpr mode_t kModeBits = 07777;
-constexpr off_t kSmallFile = 128 * 1024;           // below: one read and one write are fastest
+constexpr off_t kSmallFile = 128 * 1024;  // below: one read and one write are fastest
 constexpr size_t kBufferSize = 128 * 1024;
 constexpr size_t kKernelCopyChunk = 64 * 1024 * 1024;
 
-CopyOutcome fromSource() { return {errno, CopySide::source}; }
-CopyOutcome fromDestination() { return {errno, CopySide::destination}; }
+CopyOutcome fromSource() {
+  return {errno, CopySide::source};
+}
+CopyOutcome fromDestination() {
+  return {errno, CopySide::destination};
+}
 
 /// Closes a descriptor of this file; the copy's own errors have been noted by then.
 class OpenFile {
@@ -58,8 +62,9 @@ mode_t currentUmask() {
   return mask;
 }
 
-/// The largest part of `mode` that a new file can carry while it still belongs to us: who will be its
-/// owner or in its group is "other" until then, so nobody gets more than all three classes allow.
+/// The largest part of `mode` that a new file can carry while it still belongs to us: who will be
+/// its owner or in its group is "other" until then, so nobody gets more than all three classes
+/// allow.
 mode_t safeInitialMode(mode_t mode) {
   const mode_t other = mode & (mode >> 3) & (mode >> 6) & 07;
   const mode_t user = (mode & 0700) | 0600;
@@ -189,9 +194,8 @@ CopyOutcome copyAttributes(const AttributeHolder& from, const AttributeHolder& t
   const ssize_t size = from.list(few.data(), few.size());
   if (size == 0 || (size < 0 && errno == ENOTSUP)) return {};
   std::vector<char> names(few.begin(), few.begin() + std::max<ssize_t>(size, 0));
-  if (size < 0 && (errno != ERANGE || !readSized(names, [&](char* b, size_t n) {
-        return from.list(b, n);
-      }))) {
+  if (size < 0 &&
+      (errno != ERANGE || !readSized(names, [&](char* b, size_t n) { return from.list(b, n); }))) {
     return fromSource();
   }
   CopyOutcome outcome;

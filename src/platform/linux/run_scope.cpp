@@ -3,6 +3,8 @@
 namespace morvane::platform {
 
 RunScope::RunScope() = default;
-RunScope::~RunScope() { pool_ = nullptr; }
+RunScope::~RunScope() {
+  pool_ = nullptr;
+}
 
 }  // namespace morvane::platform

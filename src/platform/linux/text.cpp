@@ -55,6 +55,13 @@ std::u16string decomposed(const std::u16string& text) {
   return result;
 }
 
+/// The character at `at`, which moves behind it. A lone surrogate stands for itself.
+UChar32 nextCharacter(const std::u16string& text, size_t& at) {
+  const char16_t unit = text[at++];
+  if (!U16_IS_LEAD(unit) || at == text.size() || !U16_IS_TRAIL(text[at])) return unit;
+  return U16_GET_SUPPLEMENTARY(unit, text[at++]);
+}
+
 /// A text in the form in which letter case and composition no longer matter, and, for each unit of
 /// it, whether a character of the decomposed text begins there.
 struct Folded {
@@ -69,8 +76,7 @@ Folded fold(std::string_view utf8) {
   Folded folded;
   for (size_t at = 0; at < text.size();) {
     const size_t start = at;
-    UChar32 c = 0;
-    U16_NEXT(text.data(), at, text.size(), c);
+    (void)nextCharacter(text, at);
     char16_t buffer[8];  // a full case folding has at most three characters (CaseFolding.txt)
     UErrorCode error = U_ZERO_ERROR;
     const int32_t length =
@@ -92,14 +98,16 @@ Folded fold(std::string_view utf8) {
   return folded;
 }
 
-bool isMark(UChar32 c) { return (U_GET_GC_MASK(c) & U_GC_M_MASK) != 0; }
+bool isMark(UChar32 c) {
+  return (U_GET_GC_MASK(c) & U_GC_M_MASK) != 0;
+}
 
-/// Whether a match may end before the unit at `position`: not within a character or before its marks.
+/// Whether a match may end before the unit at `position`: not within a character or before its
+/// marks.
 bool isBoundary(const Folded& text, size_t position) {
   if (position == text.units.size()) return true;
-  UChar32 next = 0;
-  U16_GET(text.units.data(), 0, position, text.units.size(), next);
-  return text.begins[position] && !isMark(next);
+  const bool begins = text.begins[position];
+  return begins && !isMark(nextCharacter(text.units, position));
 }
 
 struct CloseRegex {
@@ -134,8 +142,8 @@ FirstMatch findFirstMatch(std::string_view text, std::string_view pattern) {
   if (!decode(pattern, BadBytes::refuse, expression)) return result;
   result.textLength = subject.size();
   UErrorCode error = U_ZERO_ERROR;
-  const std::unique_ptr<URegularExpression, CloseRegex> regex(uregex_open(
-      expression.data(), static_cast<int32_t>(expression.size()), 0, nullptr, &error));
+  const std::unique_ptr<URegularExpression, CloseRegex> regex(
+      uregex_open(expression.data(), static_cast<int32_t>(expression.size()), 0, nullptr, &error));
   uregex_setText(regex.get(), subject.data(), static_cast<int32_t>(subject.size()), &error);
   const bool found = uregex_find(regex.get(), 0, &error) != 0;
   const int32_t start = uregex_start(regex.get(), 0, &error);

@@ -14,8 +14,12 @@ int swapNamesAt(int dirFd, const char* a, const char* b) {
   return errno == EINVAL || errno == ENOSYS ? ENOTSUP : errno;
 }
 
-int syncVolume(int fd) { return syncfs(fd) == 0 ? 0 : errno; }
+int syncVolume(int fd) {
+  return syncfs(fd) == 0 ? 0 : errno;
+}
 
-int syncFolder(int fd) { return fsync(fd) == 0 ? 0 : errno; }
+int syncFolder(int fd) {
+  return fsync(fd) == 0 ? 0 : errno;
+}
 
 }  // namespace morvane::platform
