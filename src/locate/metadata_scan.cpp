@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <optional>
 
 #include "files/open.h"
 #include "locate/needle_search.h"
@@ -41,6 +40,11 @@ bool skipHole(int fd, NeedleSearch& search, bool& matched) {
 #endif
 }
 
+bool isRegularFile(int fd) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
   static std::array<char, kPieceSize> buffer;
   NeedleSearch search(needle, rule);
@@ -50,25 +54,17 @@ bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
     if (!piece.empty() && search.feed(piece)) return true;
     // A file that does not fill the buffer has been read to its end.
     if (piece.size() < buffer.size()) return search.finish();
+    if (!isRegularFile(fd)) return false;  // a pipe, say, that someone feeds without end
     if (!skipHole(fd, search, matched) || matched) return matched || search.finish();
   }
 }
 
-/// The open metadata file of the container folder `name` in `rootFd`; empty where there is none
-/// that can be read as a file.
+/// The metadata file of the container folder `entry` in `rootFd`; empty where there is none. One
+/// call a container is what the scan's speed rests on, so what was opened is not looked at here: a
+/// folder cannot be read, a FIFO gives nothing and does not block, and apps cannot make devices.
 UniqueFd openMetadata(int rootFd, const platform::DirectoryEntry& entry) {
-  const bool folder = entry.type == FileType::folder;
-  const bool mayLead = entry.type == FileType::link || entry.type == FileType::unknown;
-  if (!folder && !mayLead) return {};
-  const std::string path = std::string(entry.name) + "/" + kMetaName;
-  const std::optional<struct stat> status = folder ? statusAt(rootFd, path.c_str()) : std::nullopt;
-  if (folder && !status) return {};
-  if (status && !S_ISREG(status->st_mode) && !S_ISLNK(status->st_mode)) return {};
-  UniqueFd file = openToReadTrustingAt(rootFd, path);
-  if (status && S_ISREG(status->st_mode)) return file;
-  struct stat opened;
-  if (!file || fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode)) return {};
-  return file;
+  if (entry.type == FileType::regular || entry.type == FileType::other) return {};
+  return openToReadTrustingAt(rootFd, std::string(entry.name) + "/" + kMetaName);
 }
 
 enum class HowMany { all, first };

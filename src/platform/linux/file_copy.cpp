@@ -221,7 +221,9 @@ CopyOutcome giveOwner(int dst, const struct stat& source, const struct stat& now
 /// Owner first, since a change of owner takes the set-user-id bits and capabilities away; then
 /// attributes, while the mode still lets us; then the mode; the times last.
 CopyOutcome copyFileAttributes(int src, const struct stat& source, int dst, mode_t created) {
-  const bool ours = source.st_uid == geteuid() && source.st_gid == getegid();
+  static const uid_t ourUser = geteuid();
+  static const gid_t ourGroup = getegid();
+  const bool ours = source.st_uid == ourUser && source.st_gid == ourGroup;
   if (!ours && fchown(dst, source.st_uid, source.st_gid) != 0) return fromDestination();
   const CopyOutcome outcome = copyAttributes({.fd = src}, {.fd = dst});
   if (!outcome.ok()) return outcome;
