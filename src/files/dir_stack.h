@@ -44,7 +44,7 @@ class DirStack {
   };
 
   void closeFarLevel();
-  [[nodiscard]] bool reopen(size_t level, UniqueFd candidate);
+  [[nodiscard]] bool reopen(size_t index, UniqueFd candidate);
   void descendAgain(size_t goal);
 
   std::vector<Level> levels_;

@@ -64,7 +64,7 @@ UniqueFd openStepByStep(int dirFd, std::string path, int lastFlags) {
     if (errno != ELOOP && errno != ENOTDIR) return {};
     const std::optional<std::string> text = trustedLinkText(at, name.c_str());
     if (!text) return errno = ELOOP, UniqueFd();
-    path = *text + path;
+    path.insert(0, *text);
     if (path.starts_with('/')) moveTo(UniqueFd(open("/", kFolderFlags)));
     ++links;
   }

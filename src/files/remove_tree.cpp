@@ -36,11 +36,8 @@ class Remover : public TreeVisitor {
 
   void visitFile(int dirFd, const char* name, FileType /*type*/) override {
     if (isKept(name)) return;
-    if (unlinkEntry(dirFd, name, 0)) {
-      ++events_;
-    } else if (errno == EISDIR) {
-      ++events_;  // it is a folder by now
-    }
+    // What has become a folder since the listing is for the next pass.
+    if (unlinkEntry(dirFd, name, 0) || errno == EISDIR) ++events_;
   }
   Descend visitFolder(int /*dirFd*/, const char* name) override {
     return isKept(name) ? Descend::no : Descend::yes;

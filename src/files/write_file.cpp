@@ -29,8 +29,8 @@ int writeAll(int fd, std::string_view content) {
 }
 
 int writeNewFileAt(int dirFd, const char* name, std::string_view content) {
-  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const UniqueFd file(openat(dirFd, name, flags, kFileMode));
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const UniqueFd file(openat(dirFd, name, kFlags, kFileMode));
   if (!file) return errno;
   return writeAll(file.get(), content);
 }

@@ -14,7 +14,7 @@ namespace {
 
 using platform::FileType;
 
-constexpr size_t kPieceSize = 64 * 1024;
+constexpr size_t kPieceSize = size_t{64} * 1024;
 
 /// Reads the next piece. Its size is 0 at the end, or where nothing more can be read.
 std::string_view readPiece(int fd, std::array<char, kPieceSize>& buffer) {

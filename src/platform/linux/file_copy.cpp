@@ -21,9 +21,9 @@ namespace morvane::platform {
 namespace {
 
 constexpr mode_t kModeBits = 07777;
-constexpr off_t kSmallFile = 128 * 1024;  // below: one read and one write are fastest
-constexpr size_t kBufferSize = 128 * 1024;
-constexpr size_t kKernelCopyChunk = 64 * 1024 * 1024;
+constexpr off_t kSmallFile = off_t{128} * 1024;  // below: one read and one write are fastest
+constexpr size_t kBufferSize = size_t{128} * 1024;
+constexpr size_t kKernelCopyChunk = size_t{64} * 1024 * 1024;
 
 CopyOutcome fromSource() {
   return {errno, CopySide::source};
@@ -236,8 +236,8 @@ CopyOutcome copyFileAttributes(int src, const struct stat& source, int dst, mode
 
 CopyOutcome copyFileAt(int src, const struct stat& source, int dstDir, const char* name) {
   const mode_t initial = safeInitialMode(source.st_mode);
-  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-  OpenFile dst(openat(dstDir, name, flags, initial));
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+  OpenFile dst(openat(dstDir, name, kFlags, initial));
   if (dst.get() == -1) return fromDestination();
   CopyOutcome outcome = copyContent(src, source, dst.get());
   if (outcome.ok()) {

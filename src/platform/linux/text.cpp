@@ -18,6 +18,15 @@ constexpr UChar32 kByteEscape = 0xDC00;  // a lone surrogate for each byte that 
 
 enum class BadBytes { escape, refuse };
 
+/// The character at `at`, which moves behind it; negative, and one byte further, where none is.
+UChar32 nextUtf8(const uint8_t* bytes, int32_t length, int32_t& at) {
+  const int32_t start = at;
+  UChar32 c = 0;
+  U8_NEXT(bytes, at, length, c);
+  if (c < 0) at = start + 1;
+  return c;
+}
+
 /// UTF-8 to UTF-16. A byte that is not UTF-8 becomes a code unit that no text holds, or makes the
 /// result false.
 bool decode(std::string_view text, BadBytes badBytes, std::u16string& result) {
@@ -26,11 +35,9 @@ bool decode(std::string_view text, BadBytes badBytes, std::u16string& result) {
   result.reserve(text.size());
   for (int32_t at = 0; at < length;) {
     const int32_t start = at;
-    UChar32 c = 0;
-    U8_NEXT(bytes, at, length, c);
+    UChar32 c = nextUtf8(bytes, length, at);
     if (c < 0) {
       if (badBytes == BadBytes::refuse) return false;
-      at = start + 1;
       c = kByteEscape + bytes[start];
     }
     if (c > 0xFFFF) {
