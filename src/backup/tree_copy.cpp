@@ -8,19 +8,20 @@
 namespace morvane {
 namespace {
 
-constexpr mode_t kPrivateFolder = S_IRWXU;  // until it gets the source's owner and mode
-
 void noteDestinationFailure(CopyTally& tally) {
   tally.note({errno, platform::CopySide::destination});
 }
 
-/// The folder at `place`, made where it is missing; `isNew` tells which.
+/// The folder at `place`; where it is missing, made for us alone until it gets the source's owner
+/// and mode. `isNew` tells which.
 UniqueFd openOrMake(const Place& place, bool& isNew) {
   const SplitPath split = splitPath(place.path);
   const UniqueFd parent = makeFoldersAt(place.dirFd, split.parent);
   if (!parent) return {};
-  isNew = !statusAt(parent.get(), split.name.c_str());
-  return makeFolderAt(parent.get(), split.name.c_str(), kPrivateFolder);
+  UniqueFd made = makePrivateFolderAt(parent.get(), split.name.c_str());
+  isNew = static_cast<bool>(made);
+  if (made || errno != EEXIST) return made;
+  return openFolderTrustingAt(parent.get(), split.name);
 }
 
 }  // namespace

@@ -92,7 +92,9 @@ class Copier : public TreeVisitor {
     const UniqueFd file = openToReadAt(dirFd, name);
     struct stat status;
     if (!file || fstat(file.get(), &status) != 0) return sourceFailure();
-    if (!S_ISREG(status.st_mode)) return {ENOENT, CopySide::source};  // replaced since the listing
+    if (S_ISDIR(status.st_mode))
+      return {EISDIR, CopySide::source};  // replaced since the listing...
+    if (!S_ISREG(status.st_mode)) return {ENOENT, CopySide::source};  // ...by what is never copied
     const CopyOutcome outcome = platform::copyFileAt(file.get(), status, place_.current(), name);
     if (outcome.ok() && options_.observer) {
       options_.observer->copied(name, static_cast<std::uint64_t>(status.st_size));
@@ -120,17 +122,9 @@ class Copier : public TreeVisitor {
       return destinationFailure();
     }
     if (const int error = place_.enter(name); error != 0) return {error, CopySide::destination};
-    if (!made || isOurs(place_.current())) return {};
+    if (!made || isPrivateFolder(place_.current())) return {};
     place_.leave();
     return {ESTALE, CopySide::destination};
-  }
-
-  /// Where the destination's parent belongs to an app, a folder that we have just made can be
-  /// replaced by another before it is opened. Ours belongs to us and lets nobody else in.
-  static bool isOurs(int fd) {
-    struct stat status;
-    return fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
-           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
   }
 
   /// A file that is there already is kept: it is the copy of an earlier, equal walk.

@@ -115,6 +115,19 @@ UniqueFd makeFolderAt(int dirFd, const char* name, mode_t mode) {
   return openFolderTrustingAt(dirFd, name);
 }
 
+UniqueFd makePrivateFolderAt(int dirFd, const char* name) {
+  if (mkdirat(dirFd, name, S_IRWXU) != 0) return {};
+  UniqueFd folder = openFolderAt(dirFd, name);
+  if (folder && !isPrivateFolder(folder.get())) return errno = ESTALE, UniqueFd();
+  return folder;
+}
+
+bool isPrivateFolder(int fd) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
+         (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
 std::optional<struct stat> statusAt(int dirFd, const char* name) {
   struct stat status;
   if (fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;

@@ -42,6 +42,14 @@ namespace morvane {
 /// opened as it is. Empty with errno on failure.
 [[nodiscard]] UniqueFd makeFolderAt(int dirFd, const char* name, mode_t mode);
 
+/// Makes the folder `name` in `dirFd`, for us alone, and opens it. Empty with errno: EEXIST when
+/// the name is taken, ESTALE when someone has put another folder in its place meanwhile.
+[[nodiscard]] UniqueFd makePrivateFolderAt(int dirFd, const char* name);
+
+/// Whether the folder open at `fd` is ours and lets nobody else in. Where a parent belongs to an
+/// app, a folder that we have just made can be replaced by another before it is opened.
+[[nodiscard]] bool isPrivateFolder(int fd);
+
 /// The status of `name` in `dirFd`, of the link itself where it is one; nothing with errno.
 [[nodiscard]] std::optional<struct stat> statusAt(int dirFd, const char* name);
 

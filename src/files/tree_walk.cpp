@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "files/open.h"
 
 namespace morvane {
@@ -10,7 +12,8 @@ void TreeWalk::run(int rootFd) {
   place_.start(rootFd);
   pending_.clear();
   starts_.assign(1, 0);
-  list(platform::FolderPosition::anywhere);
+  again_ = false;
+  list(platform::ReadUpTo::end, platform::FolderPosition::anywhere);
   while (true) {
     if (pending_.size() > starts_.back()) {
       enterNext();
@@ -22,9 +25,9 @@ void TreeWalk::run(int rootFd) {
   }
 }
 
-void TreeWalk::list(platform::FolderPosition position) {
+void TreeWalk::list(platform::ReadUpTo upTo, platform::FolderPosition position) {
   const int dirFd = place_.current();
-  reader_.start(dirFd, upTo_, position);
+  reader_.start(dirFd, upTo, position);
   while (const platform::DirectoryEntry* entry = reader_.next()) {
     const FileType type = typeOf(*entry);
     if (type != FileType::folder) {
@@ -48,6 +51,7 @@ FileType TreeWalk::typeOf(const platform::DirectoryEntry& entry) const {
 
 void TreeWalk::enterNext() {
   const char* name = lastName();
+  const platform::ReadUpTo upTo = std::exchange(again_, false) ? platform::ReadUpTo::end : upTo_;
   if (const int error = place_.enter(name); error != 0) {
     visitor_.failed(name, error);
     dropLastName();
@@ -58,14 +62,15 @@ void TreeWalk::enterNext() {
     return;
   }
   starts_.push_back(pending_.size());
-  list(platform::FolderPosition::start);
+  list(upTo, platform::FolderPosition::start);
 }
 
 void TreeWalk::leave() {
   visitor_.leavingFolder(place_.current());
   starts_.pop_back();
   if (!goUp()) return;
-  if (visitor_.leftFolder(place_.current(), lastName()) == Again::no) dropLastName();
+  again_ = visitor_.leftFolder(place_.current(), lastName()) == Again::yes;
+  if (!again_) dropLastName();
 }
 
 /// Goes up one level. False when that folder is gone from its place: the walk is then further up,

@@ -51,14 +51,15 @@ class TreeVisitor {
 /// way down.
 class TreeWalk {
  public:
-  /// `upTo` says how far listings must go (see platform::ReadUpTo).
+  /// `upTo` says how far a folder's first listing must go (see platform::ReadUpTo). The root, and
+  /// a folder that is entered again, are listed to the end.
   TreeWalk(TreeVisitor& visitor, platform::ReadUpTo upTo) : visitor_(visitor), upTo_(upTo) {}
 
   /// Walks what is below the folder open at `rootFd`, the folder itself not being visited.
   void run(int rootFd);
 
  private:
-  void list(platform::FolderPosition position);
+  void list(platform::ReadUpTo upTo, platform::FolderPosition position);
   void enterNext();
   void leave();
   [[nodiscard]] bool goUp();
@@ -74,6 +75,7 @@ class TreeWalk {
   // down to the current folder stay until these have been left.
   std::string pending_;
   std::vector<size_t> starts_;  // where each level's names begin
+  bool again_ = false;          // the folder to be entered next has just been left
 };
 
 }  // namespace morvane

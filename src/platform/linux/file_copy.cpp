@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/open_at.h"
+
 namespace morvane::platform {
 namespace {
 
@@ -151,8 +153,7 @@ CopyOutcome copyContent(int src, const struct stat& source, int dst) {
     return copyThroughBuffer(src, dst, source.st_size);
   }
   if (ioctl(dst, FICLONE, src) == 0) return {};
-  if (hasHoles(source)) return copySparse(src, dst, source.st_size);
-  return copyStretch(src, dst, source.st_size);
+  return copySparse(src, dst, source.st_size);
 }
 
 /// Reads a variable-sized answer of one of the xattr calls. False with errno.
@@ -171,22 +172,33 @@ bool readSized(std::vector<char>& buffer, Call call) {
   }
 }
 
-/// One side of an attribute copy: an open file, or a link by the path of its name under an open
-/// folder, since no call takes a folder and a name.
-struct AttributeHolder {
-  int fd = -1;
-  const char* linkPath = nullptr;
+/// One side of an attribute copy: an open file, or a link that is open as a mere place (O_PATH),
+/// which the calls on descriptors refuse and the calls on paths reach through /proc.
+class AttributeHolder {
+ public:
+  explicit AttributeHolder(int fd) : fd_(fd) {}
+  static AttributeHolder ofLink(int fd) {
+    AttributeHolder holder(fd);
+    holder.path_ = "/proc/self/fd/" + std::to_string(fd);
+    return holder;
+  }
 
   ssize_t list(char* buffer, size_t size) const {
-    return linkPath ? llistxattr(linkPath, buffer, size) : flistxattr(fd, buffer, size);
+    return isPath() ? listxattr(path(), buffer, size) : flistxattr(fd_, buffer, size);
   }
   ssize_t get(const char* name, char* buffer, size_t size) const {
-    return linkPath ? lgetxattr(linkPath, name, buffer, size) : fgetxattr(fd, name, buffer, size);
+    return isPath() ? getxattr(path(), name, buffer, size) : fgetxattr(fd_, name, buffer, size);
   }
   int set(const char* name, const char* value, size_t size) const {
-    return linkPath ? lsetxattr(linkPath, name, value, size, 0)
-                    : fsetxattr(fd, name, value, size, 0);
+    return isPath() ? setxattr(path(), name, value, size, 0) : fsetxattr(fd_, name, value, size, 0);
   }
+
+ private:
+  [[nodiscard]] bool isPath() const { return !path_.empty(); }
+  [[nodiscard]] const char* path() const { return path_.c_str(); }
+
+  int fd_;
+  std::string path_;
 };
 
 CopyOutcome copyAttributes(const AttributeHolder& from, const AttributeHolder& to) {
@@ -225,11 +237,37 @@ CopyOutcome copyFileAttributes(int src, const struct stat& source, int dst, mode
   static const gid_t ourGroup = getegid();
   const bool ours = source.st_uid == ourUser && source.st_gid == ourGroup;
   if (!ours && fchown(dst, source.st_uid, source.st_gid) != 0) return fromDestination();
-  const CopyOutcome outcome = copyAttributes({.fd = src}, {.fd = dst});
+  const CopyOutcome outcome = copyAttributes(AttributeHolder(src), AttributeHolder(dst));
   if (!outcome.ok()) return outcome;
   const mode_t mode = source.st_mode & kModeBits;
   if (mode != created && fchmod(dst, mode) != 0) return fromDestination();
   return {setTimes(dst, source), CopySide::destination};
+}
+
+/// Whether the link open at `fd` is the one that we have just made with this text. Where its folder
+/// belongs to an app, something else can have been put in its place, which must not get an owner.
+bool isOurLink(int fd, const std::string& text) {
+  struct stat status;
+  std::string now;
+  return fstat(fd, &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid == geteuid() &&
+         readOpenLink(fd, now) && now == text;
+}
+
+CopyOutcome copyLinkAttributes(int src, const struct stat& source, const std::string& text,
+                               int dstDir, const char* dstName) {
+  const OpenFile made(openLinkAt(dstDir, dstName));
+  if (made.get() == -1) return fromDestination();
+  if (!isOurLink(made.get(), text)) return {ESTALE, CopySide::destination};
+  if (fchownat(made.get(), "", source.st_uid, source.st_gid, AT_EMPTY_PATH) != 0) {
+    return fromDestination();
+  }
+  const CopyOutcome outcome =
+      copyAttributes(AttributeHolder::ofLink(src), AttributeHolder::ofLink(made.get()));
+  if (!outcome.ok()) return outcome;
+  const timespec times[2] = {source.st_atim, source.st_mtim};
+  // An empty path is utimensat(2)'s since Linux 5.8.
+  if (utimensat(made.get(), "", times, AT_EMPTY_PATH) != 0) return fromDestination();
+  return {};
 }
 
 }  // namespace
@@ -250,23 +288,14 @@ CopyOutcome copyFileAt(int src, const struct stat& source, int dstDir, const cha
 
 CopyOutcome copyLinkAt(int srcDir, const char* name, int dstDir, const char* dstName) {
   struct stat source;
-  std::array<char, PATH_MAX> text;
-  if (fstatat(srcDir, name, &source, AT_SYMLINK_NOFOLLOW) != 0) return fromSource();
-  const ssize_t length = readlinkat(srcDir, name, text.data(), text.size() - 1);
-  if (length < 0) return fromSource();
-  text[static_cast<size_t>(length)] = '\0';
-  if (symlinkat(text.data(), dstDir, dstName) != 0) return fromDestination();
-  if (fchownat(dstDir, dstName, source.st_uid, source.st_gid, AT_SYMLINK_NOFOLLOW) != 0) {
-    const CopyOutcome outcome = fromDestination();
-    (void)unlinkat(dstDir, dstName, 0);
-    return outcome;
-  }
-  const std::string from = "/proc/self/fd/" + std::to_string(srcDir) + "/" + name;
-  const std::string to = "/proc/self/fd/" + std::to_string(dstDir) + "/" + dstName;
-  (void)copyAttributes({.linkPath = from.c_str()}, {.linkPath = to.c_str()});
-  const timespec times[2] = {source.st_atim, source.st_mtim};
-  if (utimensat(dstDir, dstName, times, AT_SYMLINK_NOFOLLOW) != 0) return fromDestination();
-  return {};
+  std::string text;
+  const OpenFile link(openLinkAt(srcDir, name));
+  if (link.get() == -1 || fstat(link.get(), &source) != 0) return fromSource();
+  if (!readOpenLink(link.get(), text)) return fromSource();
+  if (symlinkat(text.c_str(), dstDir, dstName) != 0) return fromDestination();
+  const CopyOutcome outcome = copyLinkAttributes(link.get(), source, text, dstDir, dstName);
+  if (!outcome.ok()) (void)unlinkat(dstDir, dstName, 0);  // whole or absent; `outcome` says why
+  return outcome;
 }
 
 CopyOutcome copyFolderAttributes(int src, const struct stat& source, int dst) {
@@ -276,7 +305,7 @@ CopyOutcome copyFolderAttributes(int src, const struct stat& source, int dst) {
   const auto note = [&first](const CopyOutcome& outcome) {
     if (first.ok()) first = outcome;
   };
-  note(copyAttributes({.fd = src}, {.fd = dst}));
+  note(copyAttributes(AttributeHolder(src), AttributeHolder(dst)));
   if (fchmod(dst, source.st_mode & kModeBits) != 0) note(fromDestination());
   note({setTimes(dst, source), CopySide::destination});
   return first;
