@@ -98,9 +98,11 @@ CopyOutcome copyThroughBuffer(int src, int dst, off_t length) {
   return {};
 }
 
+/// Whether to go on with read and write: where the kernel cannot copy by itself, and after an I/O
+/// error, of which only they tell whose it is.
 bool kernelCannotCopy(int error) {
   return error == ENOSYS || error == EXDEV || error == EINVAL || error == EOPNOTSUPP ||
-         error == EPERM || error == EBADF || error == ETXTBSY;
+         error == EPERM || error == EBADF || error == ETXTBSY || error == EIO;
 }
 
 /// Copies one stretch of data at the current offsets, inside the kernel where it can.
@@ -110,7 +112,7 @@ CopyOutcome copyStretch(int src, int dst, off_t length) {
     const ssize_t got = copy_file_range(src, nullptr, dst, nullptr, want, 0);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 && kernelCannotCopy(errno)) return copyThroughBuffer(src, dst, length);
-    if (got < 0) return errno == EIO ? fromSource() : fromDestination();
+    if (got < 0) return fromDestination();
     // Some file systems answer 0 for what they cannot copy this way, and not only at the end.
     if (got == 0) return copyThroughBuffer(src, dst, length);
     length -= got;
@@ -256,16 +258,18 @@ CopyOutcome copyLinkAt(int srcDir, const char* name, int dstDir, const char* dst
   if (length < 0) return fromSource();
   text[static_cast<size_t>(length)] = '\0';
   if (symlinkat(text.data(), dstDir, dstName) != 0) return fromDestination();
-  if (fchownat(dstDir, dstName, source.st_uid, source.st_gid, AT_SYMLINK_NOFOLLOW) != 0) {
-    const CopyOutcome outcome = fromDestination();
-    (void)unlinkat(dstDir, dstName, 0);
+  const auto undo = [&](const CopyOutcome& outcome) {
+    (void)unlinkat(dstDir, dstName, 0);  // whole or absent; `outcome` says why
     return outcome;
+  };
+  if (fchownat(dstDir, dstName, source.st_uid, source.st_gid, AT_SYMLINK_NOFOLLOW) != 0) {
+    return undo(fromDestination());
   }
   const std::string from = "/proc/self/fd/" + std::to_string(srcDir) + "/" + name;
   const std::string to = "/proc/self/fd/" + std::to_string(dstDir) + "/" + dstName;
   (void)copyAttributes({.linkPath = from.c_str()}, {.linkPath = to.c_str()});
   const timespec times[2] = {source.st_atim, source.st_mtim};
-  if (utimensat(dstDir, dstName, times, AT_SYMLINK_NOFOLLOW) != 0) return fromDestination();
+  if (utimensat(dstDir, dstName, times, AT_SYMLINK_NOFOLLOW) != 0) return undo(fromDestination());
   return {};
 }
 
