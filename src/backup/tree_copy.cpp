@@ -8,10 +8,12 @@
 namespace morvane {
 namespace {
 
-constexpr mode_t kPrivateFolder = S_IRWXU;  // until it gets the source's owner and mode
+// The mode of a folder until it gets the source's: of no use to anyone, so that a run that repeats
+// one that was killed knows by it what that one has not finished.
+constexpr mode_t kUnfinished = 0;
 
-void noteDestinationFailure(CopyTally& tally) {
-  tally.note({errno, platform::CopySide::destination});
+bool isUnfinished(const struct stat& status) {
+  return (status.st_mode & ~static_cast<mode_t>(S_IFMT)) == kUnfinished;
 }
 
 /// The folder at `place`, made where it is missing; `isNew` tells which.
@@ -19,8 +21,9 @@ UniqueFd openOrMake(const Place& place, bool& isNew) {
   const SplitPath split = splitPath(place.path);
   const UniqueFd parent = makeFoldersAt(place.dirFd, split.parent);
   if (!parent) return {};
-  isNew = !statusAt(parent.get(), split.name.c_str());
-  return makeFolderAt(parent.get(), split.name.c_str(), kPrivateFolder);
+  const std::optional<struct stat> status = statusAt(parent.get(), split.name.c_str());
+  isNew = !status || isUnfinished(*status);
+  return makeFolderAt(parent.get(), split.name.c_str(), kUnfinished);
 }
 
 }  // namespace
@@ -32,7 +35,7 @@ void copyTreeFiltered(const Place& source, const Place& destination,
   if (!src) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
-  if (!dst) return noteDestinationFailure(tally);
+  if (!dst) return tally.noteFatal(errno);
   KeywordFilter filter(needles);
   copyContents(src.get(), dst.get(),
                {.onExisting = OnExisting::keep, .filter = &filter, .observer = observer}, tally);
@@ -45,7 +48,7 @@ void copyTreeReplacing(const Place& source, const Place& destination, CopyTally&
   if (!src) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
-  if (!dst) return noteDestinationFailure(tally);
+  if (!dst) return tally.noteFatal(errno);
   copyContents(src.get(), dst.get(),
                {.onExisting = OnExisting::replaceTopLevel, .observer = observer}, tally);
   if (isNew) return copyAttributes(src.get(), dst.get(), tally);

@@ -59,7 +59,7 @@ class Remover : public TreeVisitor {
   void failed(const char* /*name*/, int error) override {
     if (error == ENOTDIR || error == ELOOP) ++events_;  // it is no folder any more
   }
-  void lostFolder() override { eventsBefore_.pop_back(); }
+  void lostFolder(int /*error*/) override { eventsBefore_.pop_back(); }
 
   /// Removes a folder that has been gone through, `events` having been counted before that.
   Again removeEmptied(int dirFd, const char* name, size_t events) {
