@@ -23,8 +23,14 @@ struct BackupRun {
   std::vector<std::string> needles;  // empty: everything is copied
   std::vector<std::string> backedUp;
   std::int32_t leftOut = 0;
-  int mediumError = 0;
+  int fatalError = 0;
 };
+
+/// A kept folder that is not there is nothing to note; one that cannot be looked at is.
+void noteUnopened(int error, CopyTally& tally) {
+  if (error == ENOENT || error == ENOTDIR || error == ELOOP) return;
+  tally.note({error, platform::CopySide::source});
+}
 
 /// Copies the kept folders of one container. False where it has none of them.
 bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& run,
@@ -33,7 +39,10 @@ bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& r
   for (const char* folder : kKeptFolders) {
     const Place source{AT_FDCWD, container + "/" + folder};
     const Place destination{appFd, folder};
-    if (!openFolderTrustingAt(source.dirFd, source.path)) continue;
+    if (!openFolderTrustingAt(source.dirFd, source.path)) {
+      noteUnopened(errno, tally);
+      continue;
+    }
     hadData = true;
     if (run.needles.empty()) {
       copyTreeReplacing(source, destination, tally);
@@ -49,10 +58,10 @@ void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
   if (!container) return results::backupFailContainerNotFound(bundleId);
   CopyTally tally;
   const UniqueFd appFd = makeFolderAt(stagingFd, bundleId.c_str(), kAppFolderMode);
-  if (!appFd) tally.note({errno, platform::CopySide::destination});
+  if (!appFd) tally.noteFatal(errno);
   const bool hadData = copyKeptFolders(*container, appFd.get(), run, tally);
   run.leftOut += tally.leftOut;
-  if (run.mediumError == 0) run.mediumError = tally.mediumError;
+  if (run.fatalError == 0) run.fatalError = tally.fatalError;
   if (!hadData) return results::backupFailNoFolders(bundleId);
   run.backedUp.push_back(bundleId);
   logf_("container backed up: %@", bundleId);
@@ -61,10 +70,8 @@ void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
 
 /// Puts the finished copy in its place. Says why not; empty when all is well.
 std::string publish(Staging& staging, const BackupRun& run) {
-  if (run.mediumError != 0) return StoreError{"copy", run.mediumError}.text();
-  const StoreError error = staging.publish(run.backedUp);
-  if (error) return error.text();
-  return staging.verify() ? "" : "verify-read-back thất bại";
+  if (run.fatalError != 0) return StoreError{"copy", run.fatalError}.text();
+  return staging.publish(run.backedUp);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <cstring>
 #include <optional>
 
 #include "backup/copy_report.h"
@@ -22,13 +23,23 @@ namespace {
 bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
   bool restored = false;
   for (const char* folder : kKeptFolders) {
-    if (!existsAt(appFd, folder)) continue;
+    if (!existsAt(appFd, folder)) {
+      if (errno != ENOENT) tally.note({errno, platform::CopySide::source});
+      continue;
+    }
     const std::string target = container + "/" + folder;
     wipeDirContents(target);
     copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally);
     restored = true;
   }
   return restored;
+}
+
+/// The caller may throw the backup away once it has read our result.
+void syncContainer(const std::string& name, const std::string& container) {
+  const UniqueFd folder = openFolderTrusting(container);
+  const int error = folder ? syncFailure(platform::syncVolume(folder.get())) : errno;
+  if (error != 0) logf_("container not synced: %@ (%@)", name, std::strerror(error));
 }
 
 /// Restores one app, named by its folder in the backup. False where there is nothing to restore.
@@ -42,9 +53,7 @@ bool restoreApp(int backupFd, const std::string& name) {
   }
   CopyTally tally;
   if (!restoreFolders(appFd.get(), *container, tally)) return false;
-  // The caller may throw the backup away once it has read our result.
-  const UniqueFd containerFd = openFolderTrusting(*container);
-  if (containerFd) (void)platform::syncVolume(containerFd.get());
+  syncContainer(name, *container);
   logf_("container restored: %@", name);
   logIncompleteCopy(name, tally);
   return true;

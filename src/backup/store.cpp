@@ -27,11 +27,6 @@ std::string joinedByLineFeed(const std::vector<std::string>& texts) {
   return result;
 }
 
-/// What a sync says of the medium. That a file system has no such call is no failure of the data.
-int mediumErrorOf(int error) {
-  return error == EIO || error == ENOSPC || error == EDQUOT ? error : 0;
-}
-
 }  // namespace
 
 std::string backupFolderName(std::string_view name) {
@@ -55,43 +50,55 @@ Staging::Staging(const std::string& backupName)
 }
 
 /// The name holds our process id, so what is there already was left by a run that is dead, unless
-/// someone runs the tool in several process namespaces: the lock tells.
+/// someone runs the tool in several process namespaces: the lock tells. Until we had it, the other
+/// run could make its staging folder the finished backup, which is not to be emptied.
 void Staging::makeStaging() {
+  const auto fail = [this](int error) {
+    setupError_ = {stagingName_, error};
+    folder_.reset();
+  };
   const bool existed = existsAt(store_.get(), stagingName_.c_str());
   folder_ = makeFolderAt(store_.get(), stagingName_.c_str(), kPrivate);
-  if (folder_ && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    setupError_ = {stagingName_, EBUSY};
-    folder_.reset();
-  } else if (!folder_) {
-    setupError_ = {stagingName_, errno};
-  } else if (existed) {
-    removeContents(folder_.get());
-  }
+  if (!folder_) return fail(errno);
+  if (flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return fail(EBUSY);
+  if (!isAt(stagingName_)) return fail(EBUSY);
+  if (!existed) return;
+  removeContents(folder_.get());
+  if (!namesIn(folder_.get()).empty()) fail(ENOTEMPTY);  // of two runs' data no backup is made
 }
 
 void Staging::discard() {
   if (folder_) (void)removeEntryAt(store_.get(), stagingName_.c_str());
 }
 
-StoreError Staging::publish(const std::vector<std::string>& bundleIds) {
+std::string Staging::publish(const std::vector<std::string>& bundleIds) {
+  if (const StoreError error = prepare(bundleIds)) return error.text();
+  if (const int error = exchangeWithFinal(); error != 0) {
+    return StoreError{finalName_, error}.text();
+  }
+  if (const int error = syncFailure(platform::syncFolder(store_.get())); error != 0) {
+    takeBack();
+    return StoreError{"sync", error}.text();
+  }
+  if (!verify()) {
+    takeBack();
+    return "verify-read-back thất bại";
+  }
+  // What is under the staging name now, if anything, is the older backup.
+  (void)removeEntryAt(store_.get(), stagingName_.c_str());
+  return "";
+}
+
+/// Completes the staging folder: everything of the new backup is on the medium before anything of
+/// the older one is given up.
+StoreError Staging::prepare(const std::vector<std::string>& bundleIds) {
   if (setupError_) return setupError_;
   const std::string manifest = joinedByLineFeed(bundleIds);
   if (const int error = writeFileAt(folder_.get(), kManifestName, manifest); error != 0) {
     return {kManifestName, error};
   }
-  // Everything of the new backup is on the medium before anything of the old one is given up.
-  if (const int error = mediumErrorOf(platform::syncVolume(folder_.get())); error != 0) {
-    return {"sync", error};
-  }
   (void)fchmod(folder_.get(), kPrivate);
-  if (const int error = exchangeWithFinal(); error != 0) return {finalName_, error};
-  (void)fchmod(folder_.get(), kPrivate);
-  if (const int error = mediumErrorOf(platform::syncFolder(store_.get())); error != 0) {
-    return {"sync", error};
-  }
-  // What is under the staging name now, if anything, is the older backup.
-  if (verify()) (void)removeEntryAt(store_.get(), stagingName_.c_str());
-  return {};
+  return {"sync", syncFailure(platform::syncVolume(folder_.get()))};
 }
 
 /// Puts the staging folder in the final place. Returns errno.
@@ -102,7 +109,8 @@ int Staging::exchangeWithFinal() {
   for (int attempt = 0; attempt < kPublishAttempts; ++attempt) {
     if (statusAt(store_.get(), final)) {
       error = platform::swapNamesAt(store_.get(), staging, final);
-      if (error == 0) return 0;
+      exchanged_ = error == 0;
+      if (exchanged_) return 0;
       if (error != ENOENT && error != ENOTSUP) return error;
       if (error == ENOTSUP) (void)removeEntryAt(store_.get(), final);
     }
@@ -113,9 +121,30 @@ int Staging::exchangeWithFinal() {
   return error;
 }
 
+/// After a failure that came too late: gives the older backup its place back, unless another run
+/// has published since.
+void Staging::takeBack() {
+  if (!exchanged_ || !isAt(finalName_)) return;
+  (void)platform::swapNamesAt(store_.get(), stagingName_.c_str(), finalName_.c_str());
+}
+
+/// Whether the finished backup is there: its manifest can be found where it belongs.
 bool Staging::verify() const {
-  const UniqueFd final = openFolderAt(store_.get(), finalName_.c_str());
-  return final && existsAt(final.get(), kManifestName);
+  return existsAt(store_.get(), (finalName_ + "/" + kManifestName).c_str());
+}
+
+/// Whether `name` is our folder's name at the moment.
+bool Staging::isAt(const std::string& name) const {
+  struct stat ours;
+  const std::optional<struct stat> there = statusAt(store_.get(), name.c_str());
+  if (!there || fstat(folder_.get(), &ours) != 0) return false;
+  return there->st_dev == ours.st_dev && there->st_ino == ours.st_ino;
+}
+
+int syncFailure(int error) {
+  const bool unknownCall =
+      error == ENOSYS || error == EINVAL || error == ENOTSUP || error == EOPNOTSUPP;
+  return unknownCall ? 0 : error;
 }
 
 }  // namespace morvane

@@ -45,21 +45,28 @@ class Staging {
   /// Writes the manifest and makes the staging folder the finished backup, in the place of an older
   /// one of that name, which is removed. Whatever happens, and whenever the process is killed, a
   /// complete backup stays in place where there was one: the file system lets the two change places
-  /// in one step (where it cannot, the older one goes first). Reports what was not done.
-  [[nodiscard]] StoreError publish(const std::vector<std::string>& bundleIds);
-
-  /// Whether the finished backup is there: its manifest can be found where it belongs.
-  [[nodiscard]] bool verify() const;
+  /// in one step (where it cannot, the older one goes first). Returns why it failed, the older one
+  /// then being where it was; empty when the backup is in place and on the medium.
+  [[nodiscard]] std::string publish(const std::vector<std::string>& bundleIds);
 
  private:
   void makeStaging();
+  [[nodiscard]] StoreError prepare(const std::vector<std::string>& bundleIds);
   [[nodiscard]] int exchangeWithFinal();
+  void takeBack();
+  [[nodiscard]] bool verify() const;
+  [[nodiscard]] bool isAt(const std::string& name) const;
 
   std::string stagingName_;
   std::string finalName_;
   UniqueFd store_;
   UniqueFd folder_;
   StoreError setupError_;
+  bool exchanged_ = false;
 };
+
+/// What the errno of a sync says of the data: 0 where it only says that the file system has nothing
+/// of the kind.
+[[nodiscard]] int syncFailure(int error);
 
 }  // namespace morvane

@@ -8,8 +8,13 @@
 namespace morvane {
 namespace {
 
-void noteDestinationFailure(CopyTally& tally) {
-  tally.note({errno, platform::CopySide::destination});
+// The mode of a folder until it gets the source's: of no use to anyone, so that a run that repeats
+// one that was killed knows by it what that one has not finished.
+constexpr mode_t kUnfinished = 0;
+
+bool isUnfinished(int fd) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && (status.st_mode & ~static_cast<mode_t>(S_IFMT)) == kUnfinished;
 }
 
 /// The folder at `place`; where it is missing, made for us alone until it gets the source's owner
@@ -18,10 +23,12 @@ UniqueFd openOrMake(const Place& place, bool& isNew) {
   const SplitPath split = splitPath(place.path);
   const UniqueFd parent = makeFoldersAt(place.dirFd, split.parent);
   if (!parent) return {};
-  UniqueFd made = makePrivateFolderAt(parent.get(), split.name.c_str());
-  isNew = static_cast<bool>(made);
-  if (made || errno != EEXIST) return made;
-  return openFolderTrustingAt(parent.get(), split.name);
+  UniqueFd folder = makePrivateFolderAt(parent.get(), split.name.c_str(), kUnfinished);
+  isNew = static_cast<bool>(folder);
+  if (folder || errno != EEXIST) return folder;
+  folder = openFolderTrustingAt(parent.get(), split.name);
+  isNew = folder && isUnfinished(folder.get());
+  return folder;
 }
 
 }  // namespace
@@ -33,7 +40,7 @@ void copyTreeFiltered(const Place& source, const Place& destination,
   if (!src) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
-  if (!dst) return noteDestinationFailure(tally);
+  if (!dst) return tally.noteFatal(errno);
   KeywordFilter filter(needles);
   copyContents(src.get(), dst.get(),
                {.onExisting = OnExisting::keep, .filter = &filter, .observer = observer}, tally);
@@ -46,7 +53,7 @@ void copyTreeReplacing(const Place& source, const Place& destination, CopyTally&
   if (!src) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
-  if (!dst) return noteDestinationFailure(tally);
+  if (!dst) return tally.noteFatal(errno);
   copyContents(src.get(), dst.get(),
                {.onExisting = OnExisting::replaceTopLevel, .observer = observer}, tally);
   if (isNew) return copyAttributes(src.get(), dst.get(), tally);

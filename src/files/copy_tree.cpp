@@ -18,6 +18,9 @@ constexpr mode_t kPlainFolder = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 bool isMediumError(int error) {
   return error == ENOSPC || error == EDQUOT || error == EIO || error == EROFS;
 }
+bool isOurShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
 
 CopyOutcome destinationFailure() {
   return {errno, CopySide::destination};
@@ -58,14 +61,18 @@ class Copier : public TreeVisitor {
   }
 
   void leavingFolder(int fd) override {
-    if (inStep()) copyAttributes(fd, place_.current(), tally_);
-    lostFolder();
+    if (inStep()) {
+      copyAttributes(fd, place_.current(), tally_);
+    } else {
+      ++tally_.failed;
+    }
+    goUp();
   }
 
-  void lostFolder() override {
-    if (options_.filter) options_.filter->leaveFolder();
-    if (inStep()) place_.leave();
-    --depth_;
+  // What was still to be copied there is missing from the copy.
+  void lostFolder(int error) override {
+    tally_.note({error, CopySide::source});
+    goUp();
   }
 
   Again leftFolder(int /*dirFd*/, const char* /*name*/) override { return Again::no; }
@@ -73,6 +80,16 @@ class Copier : public TreeVisitor {
   void failed(const char* /*name*/, int error) override { tally_.note({error, CopySide::source}); }
 
  private:
+  void goUp() {
+    if (options_.filter) options_.filter->leaveFolder();
+    if (inStep()) {
+      if (const int error = place_.leave(); error != 0) {
+        tally_.note({error, CopySide::destination});
+      }
+    }
+    --depth_;
+  }
+
   [[nodiscard]] bool isLeftOut(const char* name) {
     if (!options_.filter || !options_.filter->leavesOut(name)) return false;
     ++tally_.leftOut;
@@ -123,7 +140,7 @@ class Copier : public TreeVisitor {
     }
     if (const int error = place_.enter(name); error != 0) return {error, CopySide::destination};
     if (!made || isPrivateFolder(place_.current())) return {};
-    place_.leave();
+    (void)place_.leave();  // where it leads is noticed by inStep
     return {ESTALE, CopySide::destination};
   }
 
@@ -145,9 +162,14 @@ class Copier : public TreeVisitor {
 void CopyTally::note(const platform::CopyOutcome& outcome) {
   const bool vanished = outcome.error == ENOENT && outcome.side == CopySide::source;
   if (outcome.ok() || vanished) return;
-  ++failed;
   const bool medium = outcome.side == CopySide::destination && isMediumError(outcome.error);
-  if (medium && mediumError == 0) mediumError = outcome.error;
+  if (medium || isOurShortage(outcome.error)) return noteFatal(outcome.error);
+  ++failed;
+}
+
+void CopyTally::noteFatal(int error) {
+  ++failed;
+  if (fatalError == 0) fatalError = error;
 }
 
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally) {

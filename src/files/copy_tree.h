@@ -31,11 +31,13 @@ struct CopyTally {
   /// could not be entered counts as one. Entries that vanished meanwhile, and FIFOs, sockets and
   /// devices, which are never copied, do not count.
   std::int32_t failed = 0;
-  /// The first error by which the destination's medium itself refused (full, over quota, broken):
-  /// the rest of the copy cannot be trusted either. 0 if none.
-  int mediumError = 0;
+  /// The first error that was no matter of one entry: the destination is full, over quota or broken
+  /// or cannot even hold the root of the copy, or the process has run out of descriptors or memory.
+  /// The rest of the copy cannot be trusted either. 0 if none.
+  int fatalError = 0;
 
   void note(const platform::CopyOutcome& outcome);
+  void noteFatal(int error);
 };
 
 /// What a copy does where an entry of the source exists in the destination already. A folder that

@@ -40,41 +40,44 @@ void DirStack::closeFarLevel() {
   far.fd.reset();
 }
 
-void DirStack::leave() {
+int DirStack::leave() {
   const UniqueFd left = std::move(levels_.back().fd);
   names_.resize(levels_.back().nameStart);
   levels_.pop_back();
-  if (levels_.back().get() != -1) return;
+  if (levels_.back().get() != -1) return 0;
   const size_t parent = depth();
-  if (reopen(parent, openFolderAt(left.get(), ".."))) return;
-  descendAgain(parent);
+  if (reopen(parent, openFolderAt(left.get(), "..")) == 0) return 0;
+  return descendAgain(parent);
 }
 
-bool DirStack::reopen(size_t index, UniqueFd candidate) {
+int DirStack::reopen(size_t index, UniqueFd candidate) {
   struct stat status;
   Level& level = levels_[index];
-  if (!candidate || fstat(candidate.get(), &status) != 0) return false;
-  if (status.st_dev != level.device || status.st_ino != level.inode) return false;
+  if (!candidate || fstat(candidate.get(), &status) != 0) return errno;
+  if (status.st_dev != level.device || status.st_ino != level.inode) return ESTALE;
   level.fd = std::move(candidate);
-  return true;
+  return 0;
 }
 
 /// The folder we came from has been moved elsewhere, so its ".." is of no use: goes down by the
 /// names from the deepest level above that is still open, as far as these lead to the same folders.
-void DirStack::descendAgain(size_t goal) {
+int DirStack::descendAgain(size_t goal) {
   size_t start = goal;
   while (levels_[start].get() == -1)
     --start;
   size_t reached = start;
+  int error = 0;
   while (reached < goal) {
     const Level& next = levels_[reached + 1];
     UniqueFd candidate = openFolderAt(levels_[reached].get(), names_.c_str() + next.nameStart);
-    if (!reopen(reached + 1, std::move(candidate))) break;
+    error = reopen(reached + 1, std::move(candidate));
+    if (error != 0) break;
     ++reached;
     if (reached - 1 > start) levels_[reached - 1].fd.reset();  // closed before, as it was found
   }
   names_.resize(reached == goal ? names_.size() : levels_[reached + 1].nameStart);
   levels_.resize(reached + 1);
+  return error;
 }
 
 }  // namespace morvane

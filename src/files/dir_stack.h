@@ -26,8 +26,9 @@ class DirStack {
   [[nodiscard]] int enter(const char* name);
 
   /// Goes up to the nearest folder above that can still be reached: by one level, or by more where
-  /// someone has moved folders away meanwhile. Not to be called at the root.
-  void leave();
+  /// someone has moved folders away meanwhile; then returns why, an errno (ESTALE: it is another
+  /// folder now). Not to be called at the root.
+  [[nodiscard]] int leave();
 
   [[nodiscard]] int current() const { return levels_.back().get(); }
   [[nodiscard]] size_t depth() const { return levels_.size() - 1; }
@@ -44,8 +45,8 @@ class DirStack {
   };
 
   void closeFarLevel();
-  [[nodiscard]] bool reopen(size_t index, UniqueFd candidate);
-  void descendAgain(size_t goal);
+  [[nodiscard]] int reopen(size_t index, UniqueFd candidate);
+  [[nodiscard]] int descendAgain(size_t goal);
 
   std::vector<Level> levels_;
   std::string names_;  // of the levels below the root, each with its NUL

@@ -115,8 +115,8 @@ UniqueFd makeFolderAt(int dirFd, const char* name, mode_t mode) {
   return openFolderTrustingAt(dirFd, name);
 }
 
-UniqueFd makePrivateFolderAt(int dirFd, const char* name) {
-  if (mkdirat(dirFd, name, S_IRWXU) != 0) return {};
+UniqueFd makePrivateFolderAt(int dirFd, const char* name, mode_t mode) {
+  if (mkdirat(dirFd, name, mode) != 0) return {};
   UniqueFd folder = openFolderAt(dirFd, name);
   if (folder && !isPrivateFolder(folder.get())) return errno = ESTALE, UniqueFd();
   return folder;

@@ -42,9 +42,10 @@ namespace morvane {
 /// opened as it is. Empty with errno on failure.
 [[nodiscard]] UniqueFd makeFolderAt(int dirFd, const char* name, mode_t mode);
 
-/// Makes the folder `name` in `dirFd`, for us alone, and opens it. Empty with errno: EEXIST when
-/// the name is taken, ESTALE when someone has put another folder in its place meanwhile.
-[[nodiscard]] UniqueFd makePrivateFolderAt(int dirFd, const char* name);
+/// Makes the folder `name` in `dirFd`, for us alone (`mode` gives nothing to others), and opens it.
+/// Empty with errno: EEXIST when the name is taken, ESTALE when someone has put another folder in
+/// its place meanwhile.
+[[nodiscard]] UniqueFd makePrivateFolderAt(int dirFd, const char* name, mode_t mode);
 
 /// Whether the folder open at `fd` is ours and lets nobody else in. Where a parent belongs to an
 /// app, a folder that we have just made can be replaced by another before it is opened.

@@ -101,7 +101,7 @@ class Remover : public TreeVisitor {
     if (error == ENOTDIR || error == ELOOP) ++passes_.back().changes;  // it is no folder any more
   }
 
-  void lostFolder() override { passes_.pop_back(); }
+  void lostFolder(int /*error*/) override { passes_.pop_back(); }
 
  private:
   /// One listing of a folder, with the removal of what it names.

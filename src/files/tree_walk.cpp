@@ -76,10 +76,10 @@ void TreeWalk::leave() {
 /// Goes up one level. False when that folder is gone from its place: the walk is then further up,
 /// and what was still to be done in the lost folders is gone with them.
 bool TreeWalk::goUp() {
-  place_.leave();
+  const int error = place_.leave();
   if (place_.depth() + 1 == starts_.size()) return true;
   while (starts_.size() > place_.depth() + 1) {
-    visitor_.lostFolder();
+    visitor_.lostFolder(error);
     pending_.resize(starts_.back());
     starts_.pop_back();
   }

@@ -40,9 +40,10 @@ class TreeVisitor {
   /// The folder `name` could not be entered, or the current folder (null) not be listed to its end.
   virtual void failed(const char* name, int error) = 0;
 
-  /// A folder above the one just left cannot be got back to: someone has moved it away. Takes the
-  /// place of its leavingFolder and leftFolder (and of leftFolder of the one just left).
-  virtual void lostFolder() = 0;
+  /// A folder above the one just left cannot be got back to, most likely because someone has moved
+  /// it away. Takes the place of its leavingFolder and leftFolder (and of leftFolder of the one
+  /// just left).
+  virtual void lostFolder(int error) = 0;
 };
 
 /// Walks the tree below an open folder: each folder is listed whole, what is no folder being

@@ -42,17 +42,19 @@ class NotificationSearch : public TreeVisitor {
     folder_.append(name).push_back('/');
     return Descend::yes;
   }
-  void leavingFolder(int /*fd*/) override { lostFolder(); }
-  void lostFolder() override {
-    folder_.pop_back();
-    folder_.resize(folder_.rfind('/') + 1);  // npos + 1 is 0
-  }
+  void leavingFolder(int /*fd*/) override { goUp(); }
+  void lostFolder(int /*error*/) override { goUp(); }
   Again leftFolder(int /*dirFd*/, const char* /*name*/) override { return Again::no; }
   void failed(const char* /*name*/, int /*error*/) override {}
 
   [[nodiscard]] const std::vector<std::string>& matches() const { return matches_; }
 
  private:
+  void goUp() {
+    folder_.pop_back();
+    folder_.resize(folder_.rfind('/') + 1);  // npos + 1 is 0
+  }
+
   bool note(std::string_view name) {
     const bool match = name.starts_with(bundleId_) &&
                        (name.size() == bundleId_.size() || name[bundleId_.size()] == '.');

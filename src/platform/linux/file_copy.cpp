@@ -100,9 +100,11 @@ CopyOutcome copyThroughBuffer(int src, int dst, off_t length) {
   return {};
 }
 
+/// Whether to go on with read and write: where the kernel cannot copy by itself, and after an I/O
+/// error, of which only they tell whose it is.
 bool kernelCannotCopy(int error) {
   return error == ENOSYS || error == EXDEV || error == EINVAL || error == EOPNOTSUPP ||
-         error == EPERM || error == EBADF || error == ETXTBSY;
+         error == EPERM || error == EBADF || error == ETXTBSY || error == EIO;
 }
 
 /// Copies one stretch of data at the current offsets, inside the kernel where it can.
@@ -112,7 +114,7 @@ CopyOutcome copyStretch(int src, int dst, off_t length) {
     const ssize_t got = copy_file_range(src, nullptr, dst, nullptr, want, 0);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 && kernelCannotCopy(errno)) return copyThroughBuffer(src, dst, length);
-    if (got < 0) return errno == EIO ? fromSource() : fromDestination();
+    if (got < 0) return fromDestination();
     // Some file systems answer 0 for what they cannot copy this way, and not only at the end.
     if (got == 0) return copyThroughBuffer(src, dst, length);
     length -= got;
