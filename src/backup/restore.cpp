@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "backup/copy_progress.h"
 #include "backup/copy_report.h"
 #include "backup/store.h"
 #include "backup/tree_copy.h"
@@ -12,6 +13,7 @@
 #include "platform/volume.h"
 #include "report/exit_status.h"
 #include "report/log.h"
+#include "report/progress.h"
 #include "report/results.h"
 #include "reset/wipe.h"
 
@@ -25,7 +27,7 @@ bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
     if (!existsAt(appFd, folder)) continue;
     const std::string target = container + "/" + folder;
     wipeDirContents(target);
-    copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally);
+    copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally, copyProgress());
     restored = true;
   }
   return restored;
@@ -40,6 +42,7 @@ bool restoreApp(int backupFd, const std::string& name) {
     results::restoreFailContainerNotFound(name);
     return false;
   }
+  progress::startStep("restoring", name);
   CopyTally tally;
   if (!restoreFolders(appFd.get(), *container, tally)) return false;
   // The caller may throw the backup away once it has read our result.
