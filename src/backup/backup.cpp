@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "backup/copy_progress.h"
 #include "backup/copy_report.h"
 #include "backup/keywords.h"
 #include "backup/store.h"
@@ -11,6 +12,7 @@
 #include "locate/containers.h"
 #include "report/exit_status.h"
 #include "report/log.h"
+#include "report/progress.h"
 #include "report/results.h"
 
 namespace morvane {
@@ -45,9 +47,9 @@ bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& r
     }
     hadData = true;
     if (run.needles.empty()) {
-      copyTreeReplacing(source, destination, tally);
+      copyTreeReplacing(source, destination, tally, copyProgress());
     } else {
-      copyTreeFiltered(source, destination, run.needles, tally);
+      copyTreeFiltered(source, destination, run.needles, tally, copyProgress());
     }
   }
   return hadData;
@@ -56,6 +58,7 @@ bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& r
 void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
   const std::optional<std::string> container = findContainer(bundleId);
   if (!container) return results::backupFailContainerNotFound(bundleId);
+  progress::startStep("backing up", bundleId);
   CopyTally tally;
   const UniqueFd appFd = makeFolderAt(stagingFd, bundleId.c_str(), kAppFolderMode);
   if (!appFd) tally.noteFatal(errno);
@@ -92,6 +95,7 @@ void doBackup(const std::vector<std::string>& bundleIds, const std::string& name
     results::backupFailNoData(finalName);
     endProcess(ExitStatus::failed);
   }
+  progress::startStep("finishing", finalName);
   const std::string error = publish(staging, run);
   if (!error.empty()) {
     results::backupFailNotVerified(finalName, error);

@@ -2,12 +2,14 @@
 
 #include "backup/store.h"
 #include "report/exit_status.h"
+#include "report/progress.h"
 #include "report/results.h"
 #include "reset/wipe.h"
 
 namespace morvane {
 
 void doRemoveBackup(const std::string& target) {
+  progress::startStep("removing", target);
   if (target == kAllBackups) {
     wipeDirContents(kBackupRoot);
   } else if (!removeIfExists(std::string(kBackupRoot) + "/" + target)) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 
+#include "backup/copy_progress.h"
 #include "backup/copy_report.h"
 #include "backup/store.h"
 #include "backup/tree_copy.h"
@@ -13,6 +14,7 @@
 #include "platform/volume.h"
 #include "report/exit_status.h"
 #include "report/log.h"
+#include "report/progress.h"
 #include "report/results.h"
 #include "reset/wipe.h"
 
@@ -29,7 +31,7 @@ bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
     }
     const std::string target = container + "/" + folder;
     wipeDirContents(target);
-    copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally);
+    copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally, copyProgress());
     restored = true;
   }
   return restored;
@@ -51,6 +53,7 @@ bool restoreApp(int backupFd, const std::string& name) {
     results::restoreFailContainerNotFound(name);
     return false;
   }
+  progress::startStep("restoring", name);
   CopyTally tally;
   if (!restoreFolders(appFd.get(), *container, tally)) return false;
   syncContainer(name, *container);

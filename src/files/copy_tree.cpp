@@ -112,10 +112,10 @@ class Copier : public TreeVisitor {
     if (S_ISDIR(status.st_mode))
       return {EISDIR, CopySide::source};  // replaced since the listing...
     if (!S_ISREG(status.st_mode)) return {ENOENT, CopySide::source};  // ...by what is never copied
+    const auto bytes = static_cast<std::uint64_t>(status.st_size);
+    if (options_.observer) options_.observer->copying(name, bytes);
     const CopyOutcome outcome = platform::copyFileAt(file.get(), status, place_.current(), name);
-    if (outcome.ok() && options_.observer) {
-      options_.observer->copied(name, static_cast<std::uint64_t>(status.st_size));
-    }
+    if (outcome.ok() && options_.observer) options_.observer->copied(name, bytes);
     return outcome;
   }
 

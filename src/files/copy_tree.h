@@ -16,10 +16,11 @@ class EntryFilter {
   virtual void leaveFolder() = 0;
 };
 
-/// Is told of each entry that a copy has dealt with.
+/// Is told of each file of a copy: before its data is copied, and when all of it has been.
 class CopyObserver {
  public:
   virtual ~CopyObserver() = default;
+  virtual void copying(const char* name, std::uint64_t bytes) = 0;
   virtual void copied(const char* name, std::uint64_t bytes) = 0;
 };
 

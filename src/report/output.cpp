@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "report/progress.h"
+
 namespace morvane {
 
 void prepareStreams() {
@@ -18,6 +20,7 @@ void prepareStreams() {
 }
 
 void writeOut(Stream stream, std::string_view text) {
+  progress::erase();  // both streams may be the same terminal
   const int fd = stream == Stream::standardOutput ? STDOUT_FILENO : STDERR_FILENO;
   while (!text.empty()) {
     const ssize_t written = write(fd, text.data(), text.size());

@@ -10,6 +10,7 @@
 #include "locate/metadata_scan.h"
 #include "platform/clock.h"
 #include "report/log.h"
+#include "report/progress.h"
 #include "report/results.h"
 #include "reset/keychain_clear.h"
 #include "reset/keychain_groups.h"
@@ -23,6 +24,7 @@ namespace {
 constexpr double kSettleSeconds = 1.0;
 
 void stopApp(const std::string& bundleId) {
+  progress::startStep("stopping", bundleId);
   killProcessesNamed(execNameForBundle(bundleId));
   killProcessesNamed(bundleId);
   if (bundleId == kSafariBundleId) killProcessesContaining("Safari");
@@ -39,6 +41,7 @@ std::string joined(const std::vector<std::string>& texts) {
 }
 
 bool clearKeychain(const std::string& bundleId) {
+  progress::startStep("clearing the keychain of", bundleId);
   const std::vector<std::string> groups = kcGroupsForBundle(bundleId);
   if (groups.empty()) {
     logf_("keychain: no group map for %@ (app lạ) — chỉ wipe container+system", bundleId);
@@ -63,6 +66,7 @@ void wipeGroupContainer(const std::string& path) {
 }
 
 bool wipeAppData(const std::string& bundleId, const std::optional<std::string>& container) {
+  progress::startStep("emptying the containers of", bundleId);
   if (container) {
     for (const char* folder : {"Documents", "Library", "tmp", "SystemData"}) {
       wipeDirContents(*container + "/" + folder);
@@ -98,6 +102,7 @@ bool doReset(const std::string& bundleId, ResetMode mode, const Flags& flags) {
     logf_("appdata wipe skipped (flag appdata=0) for %@", bundleId);
   }
   if (flagBool(flags, "sys", true)) {
+    progress::startStep("removing the system's traces of", bundleId);
     found = wipeSystemTraces(bundleId) || found;
   } else {
     logf_("system-level wipe skipped (flag sys=0) for %@", bundleId);
