@@ -30,7 +30,7 @@ std::string describeExtent(const Extent& extent) {
 // A line of a block: its label, then the text. A name that an app has made must not be able to
 // command the terminal.
 void addLine(std::string& out, const std::string& label, const std::string& text) {
-  out += "  " + label + std::string(label.size() < 10 ? 10 - label.size() : 1, ' ');
+  out += "  " + label + std::string(label.size() < 9 ? 10 - label.size() : 2, ' ');
   for (const char c : text)
     out += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
   out += "\n";
@@ -64,7 +64,7 @@ std::string describeItems(const KeychainCounts::mapped_type& counts) {
 void addKeychain(std::string& out, const AppSurvey& app) {
   std::string label = "keychain";
   for (const auto& [group, counts] : app.keychain) {
-    const char* reach = isEntitled(group) ? "" : "  (outside the tool's entitlements)";
+    const char* reach = isEntitled(group) ? "" : "  (not entitled)";
     addLine(out, label, group + "  " + describeItems(counts) + reach);
     label.clear();
   }

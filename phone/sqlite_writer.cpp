@@ -67,6 +67,10 @@ Result SqliteWriter::run(std::string_view sql, std::initializer_list<SqlValue> v
 }
 
 Result SqliteWriter::failed(std::string_view action) const {
+  // What is behind "disk I/O error" is more to the point.
+  if ((sqlite3_errcode(handle_) & 0xff) == SQLITE_IOERR && sqlite3_system_errno(handle_) != 0) {
+    return Result::failed(action, path_, sqlite3_system_errno(handle_));
+  }
   return Result::failed("cannot " + std::string(action) + " " + path_ + ": " +
                         sqlite3_errmsg(handle_));
 }
