@@ -113,6 +113,7 @@ void Builder::stamp(const std::string& path) {
 Result Builder::finish() {
   for (auto path = folders_.rbegin(); path != folders_.rend() && working(); ++path)
     stamp(*path);
+  if (working()) stamp("/var");
   return failure_;
 }
 

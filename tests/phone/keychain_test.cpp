@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
-#include <map>
 
 #include "phone/keychain_writer.h"
 #include "phone/record_writer.h"
@@ -252,7 +252,7 @@ TEST_F(Keychain, GroupsOfAnAppComeFromTableRecordAndKeychain) {
   for (const auto& row : rows) {
     phone::RecordWriter records;
     ASSERT_TRUE(records.open(phone::kRecordsPath) && records.remove(row.bundle));
-    if (row.record) ASSERT_TRUE(records.put(row.bundle, *row.record));
+    ASSERT_TRUE(!row.record || records.put(row.bundle, *row.record));
     EXPECT_EQ(kcGroupsForBundle(row.bundle), row.expected) << row.bundle;
   }
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "locate/containers.h"
 #include "phone/record_writer.h"
 #include "support/case.h"
