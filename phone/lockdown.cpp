@@ -134,8 +134,10 @@ Result lockDownMounts(const EnterOptions& options) {
     if (Result r = bindPlace(place, MOUNT_ATTR_RDONLY); !r) return r;
   }
   if (Result r = mountDevices(devices); !r) return r;
-  // Read-only, since /proc/sys and others reach the machine's kernel.
-  return mountNew("proc", "/proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, nullptr);
+  // /proc/sys and others reach the machine's kernel. Who keeps all privileges could undo it, and
+  // may want to make a phone within the phone, which takes writing there.
+  const unsigned long readOnly = options.privilege == Privilege::dropped ? MS_RDONLY : 0;
+  return mountNew("proc", "/proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | readOnly, nullptr);
 }
 
 Result dropPrivileges() {

@@ -48,13 +48,14 @@ KeychainStatus statusOf(DatabaseState state) {
   return kNotAvailable;
 }
 
-// The rows whose group is one of as many parameters, whatever collation the file declares.
+// The rows whose group is one of as many parameters, whatever collation the file declares, oldest
+// first.
 std::string selectGroups(ItemClass itemClass, std::size_t parameters) {
   std::string sql =
       "SELECT item.agrp FROM " + rowsOf(itemClass) + " WHERE item.agrp COLLATE BINARY IN (?";
   for (std::size_t i = 1; i < parameters; ++i)
     sql += ",?";
-  return sql + ")";
+  return sql + ") ORDER BY item.rowid";
 }
 
 bool runForGroup(Database& database, std::string_view sql, std::string_view accessGroup) {
