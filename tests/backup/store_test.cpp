@@ -1,7 +1,6 @@
 // What a user would lose: the only copy.
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,7 +50,8 @@ TEST_F(BackupsAndRestores, AFilterThatMatchesNothingCopiesTheSame) {
   const std::string app = putApp("app", "com.a");
   putHostileTree(app + "/Documents", "/var/outside");
   // Without links that resolve to folders, which a filtered copy makes into folders.
-  for (const char* link : {"/out", "/sub/up"}) ::unlink((app + "/Documents" + link).c_str());
+  for (const char* link : {"/out", "/sub/up"})
+    ::unlink((app + "/Documents" + link).c_str());
   setOldTime(app + "/Documents/sub");
   const Tree documents = treeAt(app + "/Documents");
   const Outcome outcome = cli({"backup", "com.a", "daily", "no such name"});
@@ -80,8 +80,10 @@ TEST_F(BackupsAndRestores, LeaveOutWhatTheKeywordsSay) {
       {"keep/caches", 1, {"keep/Caches", "keep/Caches/z"}},
       {"*.db", 3, {"cache.dbx", "cache.dbx/deep", "cache.dbx/deep/file", "data.DB", "\xff.db"}},
       {"a,b", 1, {"a,b"}},
-      {"x|ảnh", 4, {"Caches/x", "Caches/x/y", "Caf\u0065\u0301/x", "cache.dbx", "cache.dbx/deep",
-                    "cache.dbx/deep/file", "ẢNH", "ẢNH/x"}},
+      {"x|ảnh",
+       4,
+       {"Caches/x", "Caches/x/y", "Caf\u0065\u0301/x", "cache.dbx", "cache.dbx/deep",
+        "cache.dbx/deep/file", "ẢNH", "ẢNH/x"}},
       {"a\u0309nh", 1, {"ẢNH", "ẢNH/x"}},
       {"CAFÉ", 1, {"Caf\u0065\u0301", "Caf\u0065\u0301/x"}},
       {"cafe", 0, {}},
@@ -98,8 +100,8 @@ TEST_F(BackupsAndRestores, LeaveOutWhatTheKeywordsSay) {
     EXPECT_EQ(namesIn(kDaily + "/com.a/Library"), expected) << row.keywords;
     const std::string line = "[morvane_cli] lightweight backup: skipped " +
                              std::to_string(row.skipped) + " file/dir matching keyword filter\n";
-    EXPECT_EQ(outcome.err, "[morvane_cli] container backed up: com.a\n" +
-                               (row.skipped == -1 ? "" : line));
+    EXPECT_EQ(outcome.err,
+              "[morvane_cli] container backed up: com.a\n" + (row.skipped == -1 ? "" : line));
   }
   // Counts add up over folders and apps; a folder of which nothing is left is still there.
   putApp("b", "com.b");
@@ -159,8 +161,7 @@ TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
 
 TEST_F(BackupsAndRestores, AFullStoreKeepsTheOlderBackup) {
   const std::string app = putApp("app", "com.a");
-  putFolder(kStore);
-  ASSERT_EQ(::mount("tmpfs", kStore.c_str(), "tmpfs", 0, "size=1m"), 0);
+  mountMemory(kStore, "1m");
   ASSERT_EQ(cli({"backup", "com.a", "daily"}).status, 0);
   const Tree older = treeAt(kDaily);
   put(app + "/Documents/large", std::string(3 << 20, 'x'));
@@ -175,7 +176,6 @@ TEST_F(BackupsAndRestores, AFullStoreKeepsTheOlderBackup) {
   EXPECT_EQ(cli({"removebackup", "ALL"}).out, "REMOVE_OK ALL\n");
   EXPECT_EQ(namesIn(kStore), std::vector<std::string>{});
   EXPECT_EQ(cli({"backup", "com.a", "daily"}).status, 0);
-  ::umount(kStore.c_str());
 }
 
 TEST_F(BackupsAndRestores, ARestoreTouchesOnlyWhatTheBackupHolds) {
@@ -190,9 +190,9 @@ TEST_F(BackupsAndRestores, ARestoreTouchesOnlyWhatTheBackupHolds) {
   put(app + "/Library/newer");
   const Outcome outcome = cli({"restore", "daily.morvane"});
   EXPECT_EQ(outcome.out, "RESTORE_OK daily.morvane\n");
-  for (const char* line : {"RESTORE_FAIL com.gone: container not found",
-                           "RESTORE_FAIL .com.b: container not found", "container restored: com.a",
-                           "container restored: com.b"}) {
+  for (const char* line :
+       {"RESTORE_FAIL com.gone: container not found", "RESTORE_FAIL .com.b: container not found",
+        "container restored: com.a", "container restored: com.b"}) {
     EXPECT_NE(outcome.err.find(std::string("[morvane_cli] ") + line + "\n"), std::string::npos)
         << line;
   }
@@ -203,9 +203,9 @@ TEST_F(BackupsAndRestores, ARestoreTouchesOnlyWhatTheBackupHolds) {
   // A file in a folder's place: the folder is emptied, nothing is copied, the app counts.
   runCommand({"rm", "-rf", kDaily, other});
   put(kDaily + "/com.a/Documents", "a file");
-  EXPECT_EQ(cli({"restore", "daily.morvane"}),
-            (Outcome{0, "RESTORE_OK daily.morvane\n",
-                     "[morvane_cli] container restored: com.a\n"}));
+  EXPECT_EQ(
+      cli({"restore", "daily.morvane"}),
+      (Outcome{0, "RESTORE_OK daily.morvane\n", "[morvane_cli] container restored: com.a\n"}));
   EXPECT_EQ(namesIn(app + "/Documents"), std::vector<std::string>{});
   // An app that has lost the folder gets it back whole.
   runCommand({"rm", "-rf", kDaily + "/com.a/Documents", app + "/Documents"});
@@ -244,7 +244,8 @@ TEST_F(BackupsAndRestores, AreRemovedByNameOrAltogether) {
   putLink(kStore + "/dangling.morvane", "/nowhere");
   putLink(kStore + "/link.morvane", "/var/outside");
   for (const char* name : {"file.morvane", "one.morvane", "link.morvane"}) {
-    EXPECT_EQ(cli({"removebackup", name}), (Outcome{0, "REMOVE_OK " + std::string(name) + "\n", ""}));
+    EXPECT_EQ(cli({"removebackup", name}),
+              (Outcome{0, "REMOVE_OK " + std::string(name) + "\n", ""}));
     EXPECT_EQ(cli({"removebackup", name}), (Outcome{1, "", "REMOVE_FAIL: not found\n"}));
   }
   EXPECT_EQ(cli({"removebackup", "dangling.morvane"}).status, 1);
@@ -260,7 +261,8 @@ TEST_F(BackupsAndRestores, KeepOwnersWhoeverTheyAre) {
   const std::string app = putApp("app", "com.a");
   put(app + "/Documents/set-user", "x");
   putLink(app + "/Documents/link", "set-user");
-  for (const char* name : {"", "/Documents", "/Documents/set-user", "/Documents/link", "/Library"}) {
+  for (const char* name :
+       {"", "/Documents", "/Documents/set-user", "/Documents/link", "/Library"}) {
     ASSERT_EQ(::lchown((app + name).c_str(), 501, 20), 0);
   }
   ASSERT_EQ(::chmod((app + "/Documents/set-user").c_str(), 06755), 0);

@@ -116,20 +116,34 @@ TEST_F(ArgumentsMeanWhatTheySay, Names) {
     bool token;
     bool filename;
   } rows[] = {
-      {"a", true, false},           {"com.burbn.instagram", true, false},
-      {"com.example.", true, false}, {"-", true, false},
-      {"___", true, false},         {"A-Z_0.9", true, false},
-      {"x.morvane", true, true},    {"a.b-c_D.morvane", true, true},
-      {".morvane", false, false},   {"a..b.morvane", false, false},
-      {"a.MORVANE", true, false},   {"xmorvane", true, false},
-      {"x.morvane.", true, false},  {"x.morvane2", true, false},
-      {"", false, false},           {".", false, false},
-      {"..", false, false},         {"a..b", false, false},
-      {".hidden", false, false},    {"a b", false, false},
-      {"a\n", false, false},        {"x.morvane\n", false, false},
-      {"a/b", false, false},        {"a\x01", false, false},
-      {"ä", false, false},          {"a\xcc\x81", false, false},
-      {"\xc3", false, false},       {"x!.morvane", false, false},
+      {"a", true, false},
+      {"com.burbn.instagram", true, false},
+      {"com.example.", true, false},
+      {"-", true, false},
+      {"___", true, false},
+      {"A-Z_0.9", true, false},
+      {"x.morvane", true, true},
+      {"a.b-c_D.morvane", true, true},
+      {".morvane", false, false},
+      {"a..b.morvane", false, false},
+      {"a.MORVANE", true, false},
+      {"xmorvane", true, false},
+      {"x.morvane.", true, false},
+      {"x.morvane2", true, false},
+      {"", false, false},
+      {".", false, false},
+      {"..", false, false},
+      {"a..b", false, false},
+      {".hidden", false, false},
+      {"a b", false, false},
+      {"a\n", false, false},
+      {"x.morvane\n", false, false},
+      {"a/b", false, false},
+      {"a\x01", false, false},
+      {"ä", false, false},
+      {"a\xcc\x81", false, false},
+      {"\xc3", false, false},
+      {"x!.morvane", false, false},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(isValidToken(row.text), row.token) << row.text;
@@ -143,13 +157,13 @@ TEST_F(ArgumentsMeanWhatTheySay, MatchesRegexWantsTheLeftmostMatchToCoverEveryth
     const char* pattern;
     bool matches;
   } rows[] = {
-      {"abc", "abc", true},       {"abc", "b", false},      {"abc", "a|abc", false},
-      {"abc", "abc|a", true},     {"xabc", "abc", false},   {"aab", "a*?b", true},
-      {"abc", "(abc", false},     {"abc", "", false},       {"", "", false},
-      {"", "^$", false},          {"a\n", "^a$", false},    {"a\nb", "^a$", false},
-      {"ABC", "abc", false},      {"é", "^.$", true},       {"😀", "^.$", true},
-      {"e\u0301", "^.$", false},  {"a.b", "a\\.b", true},   {"x", "[", false},
-      {"ab", "(?i)AB", true},     {"đ", "^\\w$", true},     {"\xff", "^.$", false},
+      {"abc", "abc", true},      {"abc", "b", false},    {"abc", "a|abc", false},
+      {"abc", "abc|a", true},    {"xabc", "abc", false}, {"aab", "a*?b", true},
+      {"abc", "(abc", false},    {"abc", "", false},     {"", "", false},
+      {"", "^$", false},         {"a\n", "^a$", false},  {"a\nb", "^a$", false},
+      {"ABC", "abc", false},     {"é", "^.$", true},     {"😀", "^.$", true},
+      {"e\u0301", "^.$", false}, {"a.b", "a\\.b", true}, {"x", "[", false},
+      {"ab", "(?i)AB", true},    {"đ", "^\\w$", true},   {"\xff", "^.$", false},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(matchesRegex(row.text, row.pattern), row.matches) << row.text << " " << row.pattern;
@@ -170,7 +184,9 @@ TEST_F(ArgumentsMeanWhatTheySay, Flags) {
       {"sys=0,sys=1,sys", 1, -1, -1, -1},
       {"sys=0,sys=1=1", 0, -1, -1, -1},
       {"SYS=0,receipt=01,appdata=1 1", -1, 0, 0, -1},
-      {"\tsys\u3000=\u00a01\u2003,receipt=\xef\xbb\xbf""1", 1, -1, 0, -1},
+      {"\tsys\u3000=\u00a01\u2003,receipt=\xef\xbb\xbf"
+       "1",
+       1, -1, 0, -1},
       {"sys=1\n,appdata\n=0,receipt=\r1", 0, -1, 0, -1},
       {"sys=2,receipt=yes,appdata=１", 0, 0, 0, -1},
       {",,,sys=1,,", 1, -1, -1, -1},

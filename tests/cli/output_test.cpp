@@ -58,11 +58,10 @@ TEST_F(ControllersReadTheOutcome, OfAResetLineByLineAndStreamByStream) {
             "RESET_FAIL x.b: nothing found to reset\n"
             "RESET_OK com.a.one\n"
             "RESET_FAIL x.c: nothing found to reset\n");
-  EXPECT_EQ(cli({"reset", "x.b,x.c", "clear"}),
-            (Outcome{1,
-                     "RESET_FAIL x.b: nothing found to reset\n"
-                     "RESET_FAIL x.c: nothing found to reset\n",
-                     resetLog("x.b") + resetLog("x.c")}));
+  EXPECT_EQ(cli({"reset", "x.b,x.c", "clear"}), (Outcome{1,
+                                                         "RESET_FAIL x.b: nothing found to reset\n"
+                                                         "RESET_FAIL x.c: nothing found to reset\n",
+                                                         resetLog("x.b") + resetLog("x.c")}));
 }
 
 TEST_F(ControllersReadTheOutcome, OfTheBackupStoreLineByLineAndStreamByStream) {
@@ -177,7 +176,8 @@ TEST_F(ControllersReadTheOutcome, AndEachLogLineIsOneWriteWithItsPlaceholdersFil
       {formatMessage("%@ %d", {"100%@%d", 7}), "100%@%d 7"},
       {formatMessage("no placeholder — ạ", {}), "no placeholder — ạ"},
   };
-  for (const auto& row : rows) EXPECT_EQ(row.message, row.text);
+  for (const auto& row : rows)
+    EXPECT_EQ(row.message, row.text);
 }
 
 }  // namespace

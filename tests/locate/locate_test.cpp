@@ -59,7 +59,7 @@ TEST_F(OnlyTheNamedAppIsFound, ByWhatStandsInTheMetadata) {
       {"group.com.example\x80", "group.com.example", true, false},
       {"group.com.example\xe9", "group.com.example", true, false},
       {"group.com.examples group.com.example.a", "group.com.example", true, true},
-      {"aaa.", "aa", true, false},   // the rejected occurrence hides the one inside it
+      {"aaa.", "aa", true, false},  // the rejected occurrence hides the one inside it
       {"aaaa.", "aa", true, true},
       {"aXaa.", "aa", true, true},
       {"", "com.example", false, false},
@@ -103,8 +103,8 @@ TEST_F(OnlyTheNamedAppIsFound, WhateverElseLiesAmongTheContainers) {
   EXPECT_EQ(dirScanContaining(root, "com.a"), Paths{});
   EXPECT_EQ(dirScanContaining(root + "/com.a", "com.a"), Paths{});
 
-  const Paths found{container(root, ".hidden", "com.a"), container(root, "line\nfeed \xff", "com.a"),
-                    root + "/link"};
+  const Paths found{container(root, ".hidden", "com.a"),
+                    container(root, "line\nfeed \xff", "com.a"), root + "/link"};
   container("/var/elsewhere", "c", "com.a");
   putLink(root + "/link", "/var/elsewhere/c");
   putLink(root + "/dangling", "/var/nowhere");
@@ -135,10 +135,16 @@ TEST_F(OnlyTheNamedAppIsFound, EvenInAMetadataFileThatIsHuge) {
 }
 
 TEST_F(OnlyTheNamedAppIsFound, GroupsByTheVendorsPrefix) {
-  const std::pair<const char*, const char*> prefixes[] = {
-      {"com.burbn.instagram", "com.burbn"}, {"com.example", "com.example"}, {"Example", "Example"},
-      {"a..b", "a."}, {".a", ".a"}, {"", ""}, {"a.", "a."}, {"com.a.b.c.d", "com.a"}};
-  for (const auto& [bundle, prefix] : prefixes) EXPECT_EQ(domainPrefix(bundle), prefix) << bundle;
+  const std::pair<const char*, const char*> prefixes[] = {{"com.burbn.instagram", "com.burbn"},
+                                                          {"com.example", "com.example"},
+                                                          {"Example", "Example"},
+                                                          {"a..b", "a."},
+                                                          {".a", ".a"},
+                                                          {"", ""},
+                                                          {"a.", "a."},
+                                                          {"com.a.b.c.d", "com.a"}};
+  for (const auto& [bundle, prefix] : prefixes)
+    EXPECT_EQ(domainPrefix(bundle), prefix) << bundle;
 
   const std::string root = kGroupRoot;
   const Paths vendor{container(root, "1", "group.com.burbn.instagram\x08"),

@@ -1,5 +1,5 @@
-// What a user would lose: the state of a program that was not to be stopped, or a reset undone by one
-// that was.
+// What a user would lose: the state of a program that was not to be stopped, or a reset undone by
+// one that was.
 
 #include "reset/processes.h"
 
@@ -23,20 +23,28 @@ TEST_F(TheRightProcessesDie, ByWholeNameOrPart) {
     std::vector<const char*> die;
     std::vector<const char*> live;
   } rows[] = {
-      {"instagram", NameMatch::whole, {"Instagram", "INSTAGRAM", "instagram"},
+      {"instagram",
+       NameMatch::whole,
+       {"Instagram", "INSTAGRAM", "instagram"},
        {"instagramX", "nstagram", "insta"}},
       {"", NameMatch::whole, {}, {"instagram"}},
       {"", NameMatch::containing, {}, {"instagram"}},
-      {"SafariViewService", NameMatch::whole, {"SafariViewServic", "safariviewSERVICExyz"},
+      {"SafariViewService",
+       NameMatch::whole,
+       {"SafariViewServic", "safariviewSERVICExyz"},
        {"SafariViewServi", "SafariViewServiX"}},
       // Two executables whose names the kernel cuts alike: the sixteenth character tells.
-      {"com.burbn.instagram", NameMatch::whole, {"com.burbn.instag", "COM.BURBN.INSTAGXYZ"},
+      {"com.burbn.instagram",
+       NameMatch::whole,
+       {"com.burbn.instag", "COM.BURBN.INSTAGXYZ"},
        {"com.burbn.insta", "com.burbn.instaX"}},
-      {"Safari", NameMatch::containing, {"MobileSafari", "SafariViewService", "xsAFARIx"},
+      {"Safari",
+       NameMatch::containing,
+       {"MobileSafari", "SafariViewService", "xsAFARIx"},
        {"Safar", "Safax"}},
       {"viewServic", NameMatch::containing, {"SafariViewService"}, {"ViewServi"}},
       {"Service", NameMatch::containing, {}, {"SafariViewService"}},  // beyond the 16 that count
-      {"ÉA", NameMatch::containing, {"ÉAb"}, {"éab"}},  // only ASCII letters fold
+      {"ÉA", NameMatch::containing, {"ÉAb"}, {"éab"}},                // only ASCII letters fold
       {"a.b*", NameMatch::whole, {"a.b*"}, {"a.bc", "aXb*"}},
       {"with blank) S 1", NameMatch::whole, {"with blank) S 1"}, {"with blank"}},
   };
@@ -55,16 +63,22 @@ TEST_F(TheRightProcessesDie, ByWholeNameOrPart) {
 
 TEST_F(TheRightProcessesDie, AndAllOfThem) {
   std::vector<Bystander> twins;
-  for (int i = 0; i < 20; ++i) twins.emplace_back("Twin");
+  for (int i = 0; i < 20; ++i)
+    twins.emplace_back("Twin");
   killProcessesNamed("twin");
-  for (const Bystander& twin : twins) EXPECT_FALSE(twin.alive());
+  for (const Bystander& twin : twins)
+    EXPECT_FALSE(twin.alive());
 }
 
 TEST_F(TheRightProcessesDie, ByTheExecutableNameOfABundle) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"com.facebook.Messenger", "Messenger"}, {"Messenger", "Messenger"}, {"a.b.", ""},
-      {".a", "a"}, {"", ""}, {".", ""}};
-  for (const auto& [bundle, name] : rows) EXPECT_EQ(execNameForBundle(bundle), name) << bundle;
+  const std::pair<const char*, const char*> rows[] = {{"com.facebook.Messenger", "Messenger"},
+                                                      {"Messenger", "Messenger"},
+                                                      {"a.b.", ""},
+                                                      {".a", "a"},
+                                                      {"", ""},
+                                                      {".", ""}};
+  for (const auto& [bundle, name] : rows)
+    EXPECT_EQ(execNameForBundle(bundle), name) << bundle;
 }
 
 TEST_F(TheRightProcessesDie, InEachModeOfAReset) {
@@ -95,8 +109,10 @@ TEST_F(TheRightProcessesDie, InEachModeOfAReset) {
     const Outcome outcome = cli(arguments);
     const std::string what = ::testing::PrintToString(arguments);
     EXPECT_NE(outcome.status, 2) << what;
-    for (size_t i = 0; i < dying.size(); ++i) EXPECT_FALSE(dying[i].alive()) << what << row.die[i];
-    for (size_t i = 0; i < living.size(); ++i) EXPECT_TRUE(living[i].alive()) << what << row.live[i];
+    for (size_t i = 0; i < dying.size(); ++i)
+      EXPECT_FALSE(dying[i].alive()) << what << row.die[i];
+    for (size_t i = 0; i < living.size(); ++i)
+      EXPECT_TRUE(living[i].alive()) << what << row.live[i];
   }
 }
 

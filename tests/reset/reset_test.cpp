@@ -1,5 +1,5 @@
-// What a user would lose: an account, to traces that give the "fresh install" away; or somebody else's
-// data, to a reset that reaches too far.
+// What a user would lose: an account, to traces that give the "fresh install" away; or somebody
+// else's data, to a reset that reaches too far.
 
 #include "reset/reset.h"
 
@@ -101,40 +101,68 @@ TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
   } rows[] = {
       {"nothing", [] {}, {"com.a", "clear", "receipt=1"}, false},
       {"a container", [] { putApp("a", "com.a"); }, {"com.a", "clear", "sys=0"}, true},
-      {"a container that is not to be touched", [] { putApp("a", "com.a"); },
-       {"com.a", "clear", "appdata=0,receipt=1"}, false},
-      {"snapshots alone", [] { put(putApp("a", "com.a") + "/Library/SplashBoard/Snapshots/x"); },
-       {"com.a", "kill", "appdata=0,sys=0"}, false},
-      {"a group", [] { putGroup("g", "group.com.a."); }, {"com.a", "clear", "sys=0"}, true},
-      {"a group that is not to be touched", [] { putGroup("g", "group.com.a."); },
-       {"com.a", "clear", "appdata=0"}, false},
-      {"a receipt", [] { put(putApp("a", "com.a") + "/StoreKit/sandboxReceipt"); },
-       {"com.a", "clear", "appdata=0,sys=0,receipt=1"}, true},
-      {"a cookie", [] { put(kLib + "Cookies/com.a.binarycookies"); }, {"com.a", "clear"}, true},
-      {"a dangling trace", [] { putLink(kLib + "Caches/com.a", "/nowhere"); }, {"com.a", "clear"},
+      {"a container that is not to be touched",
+       [] { putApp("a", "com.a"); },
+       {"com.a", "clear", "appdata=0,receipt=1"},
        false},
-      {"a notification", [] { put(kLib + "BulletinBoard/x/com.a.plist"); }, {"com.a", "clear"}, true},
-      {"another's notification", [] { put(kLib + "BulletinBoard/com.ab.plist"); },
-       {"com.a", "clear"}, false},
-      {"Safari without databases", [] { put(kLib + "Safari/Bookmarks.plist"); put(kLib + "WebKit/WebsiteData/x"); },
-       {"com.apple.mobilesafari", "clear"}, false},
-      {"a database of Safari", [] { put(kLib + "Safari/Bookmarks.db-wal"); },
-       {"com.apple.mobilesafari", "clear"}, true},
-      {"a dangling database of Safari", [] { putLink(kLib + "Safari/x.db", "/nowhere"); },
-       {"com.apple.mobilesafari", "clear"}, true},
-      {"the shared cookies", [] { put(kLib + "Cookies/Cookies.binarycookies"); },
-       {"com.apple.mobilesafari", "clear"}, true},
-      {"Safari's databases for another app", [] { put(kLib + "Safari/Bookmarks.db"); },
-       {"com.apple.mobilesafar", "clear"}, false},
+      {"snapshots alone",
+       [] { put(putApp("a", "com.a") + "/Library/SplashBoard/Snapshots/x"); },
+       {"com.a", "kill", "appdata=0,sys=0"},
+       false},
+      {"a group", [] { putGroup("g", "group.com.a."); }, {"com.a", "clear", "sys=0"}, true},
+      {"a group that is not to be touched",
+       [] { putGroup("g", "group.com.a."); },
+       {"com.a", "clear", "appdata=0"},
+       false},
+      {"a receipt",
+       [] { put(putApp("a", "com.a") + "/StoreKit/sandboxReceipt"); },
+       {"com.a", "clear", "appdata=0,sys=0,receipt=1"},
+       true},
+      {"a cookie", [] { put(kLib + "Cookies/com.a.binarycookies"); }, {"com.a", "clear"}, true},
+      {"a dangling trace",
+       [] { putLink(kLib + "Caches/com.a", "/nowhere"); },
+       {"com.a", "clear"},
+       false},
+      {"a notification",
+       [] { put(kLib + "BulletinBoard/x/com.a.plist"); },
+       {"com.a", "clear"},
+       true},
+      {"another's notification",
+       [] { put(kLib + "BulletinBoard/com.ab.plist"); },
+       {"com.a", "clear"},
+       false},
+      {"Safari without databases",
+       [] {
+         put(kLib + "Safari/Bookmarks.plist");
+         put(kLib + "WebKit/WebsiteData/x");
+       },
+       {"com.apple.mobilesafari", "clear"},
+       false},
+      {"a database of Safari",
+       [] { put(kLib + "Safari/Bookmarks.db-wal"); },
+       {"com.apple.mobilesafari", "clear"},
+       true},
+      {"a dangling database of Safari",
+       [] { putLink(kLib + "Safari/x.db", "/nowhere"); },
+       {"com.apple.mobilesafari", "clear"},
+       true},
+      {"the shared cookies",
+       [] { put(kLib + "Cookies/Cookies.binarycookies"); },
+       {"com.apple.mobilesafari", "clear"},
+       true},
+      {"Safari's databases for another app",
+       [] { put(kLib + "Safari/Bookmarks.db"); },
+       {"com.apple.mobilesafar", "clear"},
+       false},
   };
   for (const auto& row : rows) {
     runCommand({"sh", "-c", "rm -rf /var/mobile/*"});
     row.make();
     std::vector<std::string> arguments = row.arguments;
     arguments.insert(arguments.begin(), "reset");
-    const std::string line = row.found ? "RESET_OK " + row.arguments[0] + "\n"
-                                       : "RESET_FAIL " + row.arguments[0] +
-                                             ": nothing found to reset\n";
+    const std::string line = row.found
+                                 ? "RESET_OK " + row.arguments[0] + "\n"
+                                 : "RESET_FAIL " + row.arguments[0] + ": nothing found to reset\n";
     const Outcome outcome = cli(arguments);
     EXPECT_EQ(outcome.out, line) << row.what;
     EXPECT_EQ(outcome.status, row.found ? 0 : 1) << row.what;
@@ -142,8 +170,8 @@ TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
 }
 
 TEST_F(FreshInstall, LeavesNoTraceInTheSystemsFolders) {
-  const std::vector<std::string> folders{"Caches", "HTTPStorages", "WebKit", "SpringBoard/PushStore",
-                                         "Cookies"};
+  const std::vector<std::string> folders{"Caches", "HTTPStorages", "WebKit",
+                                         "SpringBoard/PushStore", "Cookies"};
   for (const std::string& folder : folders) {
     for (const char* suffix : {"", ".binarycookies", ".pushstore"}) {
       put(kLib + folder + "/com.a" + suffix + "/deep/file");
@@ -153,8 +181,8 @@ TEST_F(FreshInstall, LeavesNoTraceInTheSystemsFolders) {
     }
   }
   const std::string board = kLib + "BulletinBoard/";
-  for (const char* gone : {"com.a", "com.a.plist", "x/com.a.b/y/z", "x/y/com.a.", "SectionInfo/com.a/x.plist",
-                           "SectionInfo/com.a/com.a.plist"}) {
+  for (const char* gone : {"com.a", "com.a.plist", "x/com.a.b/y/z", "x/y/com.a.",
+                           "SectionInfo/com.a/x.plist", "SectionInfo/com.a/com.a.plist"}) {
     put(board + gone);
   }
   for (const char* kept : {"com.ab.plist", "xcom.a", "COM.A", "x/com", "x/com.A.plist"}) {
@@ -165,8 +193,8 @@ TEST_F(FreshInstall, LeavesNoTraceInTheSystemsFolders) {
   put("/var/outside/com.a.plist");
   EXPECT_EQ(cli({"reset", "com.a", "clear"}).out, "RESET_OK com.a\n");
 
-  std::vector<std::string> expected{"BulletinBoard/COM.A", "BulletinBoard/com.ab.plist",
-                                    "BulletinBoard/xcom.a", "BulletinBoard/x/com",
+  std::vector<std::string> expected{"BulletinBoard/COM.A",         "BulletinBoard/com.ab.plist",
+                                    "BulletinBoard/xcom.a",        "BulletinBoard/x/com",
                                     "BulletinBoard/x/com.A.plist", "BulletinBoard/entered"};
   for (const std::string& folder : folders) {
     for (const char* other : {"com.ab", "com.a.b", "xcom.a", "com.a.binarycookies.x", "COM.A"}) {
@@ -195,9 +223,9 @@ TEST_F(FreshInstall, OfSafariTakesItsDatabasesAndAllWebData) {
   EXPECT_EQ(outcome.out, "RESET_OK com.apple.mobilesafari\n");
   EXPECT_EQ(namesIn(kLib),
             (std::vector<std::string>{"Cookies", "Cookies/other.binarycookies", "Safari",
-                                      "Safari/Bookmarks.plist", "Safari/sub", "Safari/sub/Nested.db",
-                                      "WebKit", "WebKit/WebsiteData", "WebKit/com.other",
-                                      "WebKit/com.other/x"}));
+                                      "Safari/Bookmarks.plist", "Safari/sub",
+                                      "Safari/sub/Nested.db", "WebKit", "WebKit/WebsiteData",
+                                      "WebKit/com.other", "WebKit/com.other/x"}));
 }
 
 TEST_F(FreshInstall, WaitsForTheAppToEndExactlyWhereItMust) {

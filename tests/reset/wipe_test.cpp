@@ -21,6 +21,7 @@ using Names = std::vector<std::string>;
 class WipesStayWhereTheyShould : public Case {};
 
 TEST_F(WipesStayWhereTheyShould, AFolderIsEmptiedAndKept) {
+  mountMemory("/var/folder");
   put("/var/outside/precious", "photos");
   putHostileTree("/var/folder", "/var/outside", 3000);
   const unsigned mode = modeOf("/var/folder");
@@ -56,8 +57,8 @@ TEST_F(WipesStayWhereTheyShould, LinksAtThePathItselfAreFollowedWhenTheSystemMad
 
   if (!ownershipIsFree()) SKIP_OR_FAIL("only root can plant another user's link");
   put("/var/target/inside");
+  const std::string app = putApp("app", "com.a") + "/";
   for (const char* name : {"Documents", "Library", "tmp", "SystemData"}) {
-    const std::string app = putApp("app", "com.a") + "/";
     runCommand({"rm", "-rf", app + name});
     putLink(app + name, "/var/target");
     ASSERT_EQ(::lchown((app + name).c_str(), 501, 501), 0);
@@ -97,16 +98,19 @@ TEST_F(WipesStayWhereTheyShould, WhatCannotGoCostsOnlyItself) {
 }
 
 TEST_F(WipesStayWhereTheyShould, WithFewDescriptorsAndALittleStack) {
+  mountMemory("/var/mobile");
   const std::string app = putApp("app", "com.a");
   putChain(app + "/Documents", 20000);
-  for (int i = 0; i < 5000; ++i) put(app + "/Library/many/" + std::to_string(i), "");
-  for (int i = 0; i < 300; ++i) putFolder(app + "/tmp/many/" + std::to_string(i) + "/x");
+  for (int i = 0; i < 5000; ++i)
+    put(app + "/Library/many/" + std::to_string(i), "");
+  for (int i = 0; i < 300; ++i)
+    putFolder(app + "/tmp/many/" + std::to_string(i) + "/x");
   const Outcome outcome = cli({"reset", "com.a", "clear"}, {.inChild = [] {
-    const rlimit descriptors{64, 64};
-    const rlimit stack{256 * 1024, 256 * 1024};
-    ::setrlimit(RLIMIT_NOFILE, &descriptors);
-    ::setrlimit(RLIMIT_STACK, &stack);
-  }});
+                                const rlimit descriptors{64, 64};
+                                const rlimit stack{256 * 1024, 256 * 1024};
+                                ::setrlimit(RLIMIT_NOFILE, &descriptors);
+                                ::setrlimit(RLIMIT_STACK, &stack);
+                              }});
   EXPECT_EQ(outcome.out, "RESET_OK com.a\n");
   EXPECT_EQ(namesIn(app), (Names{kMetadataName, "Documents", "Library", "SystemData", "tmp"}));
 }
