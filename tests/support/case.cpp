@@ -12,9 +12,14 @@
 namespace morvane::test {
 namespace {
 
-std::string& currentCase() {
-  static std::string path;
-  return path;
+struct Folders {
+  std::string work;
+  std::string ofCase;
+};
+
+Folders& folders() {
+  static Folders instance;
+  return instance;
 }
 
 std::string newCaseFolder() {
@@ -23,7 +28,7 @@ std::string newCaseFolder() {
   for (char& c : name) {
     if (c == '/') c = '_';
   }
-  std::string path = "/tmp/morvane-" + name + ".XXXXXX";
+  std::string path = workFolder() + "/" + name + ".XXXXXX";
   if (::mkdtemp(path.data()) == nullptr) return {};
   ::chmod(path.c_str(), 0755);  // some cases look at it as another user
   return path;
@@ -31,12 +36,20 @@ std::string newCaseFolder() {
 
 }  // namespace
 
+const std::string& workFolder() {
+  return folders().work;
+}
+
+void setWorkFolder(const std::string& path) {
+  folders().work = path;
+}
+
 const std::string& caseFolder() {
-  return currentCase();
+  return folders().ofCase;
 }
 
 void Case::SetUp() {
-  currentCase() = newCaseFolder();
+  folders().ofCase = newCaseFolder();
   ASSERT_FALSE(caseFolder().empty());
   const std::string var = caseFolder() + "/var";
   std::filesystem::create_directories(var + "/mobile/Library");
@@ -57,6 +70,12 @@ void Case::TearDown() {
   (void)!std::system(
       ("chattr -R -f -i -a '" + caseFolder() + "' 2>/dev/null; rm -rf '" + caseFolder() + "'")
           .c_str());
+}
+
+void mountMemory(const std::string& path, const std::string& size) {
+  std::filesystem::create_directories(path);
+  const std::string options = "size=" + size;
+  ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()), 0);
 }
 
 bool ownershipIsFree() {

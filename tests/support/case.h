@@ -15,9 +15,17 @@ class Case : public ::testing::Test {
   void TearDown() override;
 };
 
+/// Where the folders of all cases are, outside /var.
+const std::string& workFolder();
+void setWorkFolder(const std::string& path);
+
 /// The folder of the running case. Its subfolder "var" is what stands at /var; beside it there is
 /// room for what must lie outside.
 const std::string& caseFolder();
+
+/// Mounts a file system in memory, of this size, on a folder made for it: for cases that would
+/// otherwise measure the disk, or that need one which gets full.
+void mountMemory(const std::string& path, const std::string& size = "64m");
 
 /// Whether files can be given to other users here. Not for an ordinary user in a user namespace.
 bool ownershipIsFree();

@@ -115,8 +115,7 @@ Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
 Bystander::Bystander(const std::string& name) {
   // A copy of `sleep` under the name, so that the kernel and /proc both know the process by it.
   const std::string program = caseFolder() + "/" + name;
-  std::filesystem::copy_file("/bin/sleep", program,
-                             std::filesystem::copy_options::overwrite_existing);
+  if (!std::filesystem::exists(program)) std::filesystem::copy_file("/bin/sleep", program);
   pid_ = ::fork();
   if (pid_ == 0) {
     ::execl(program.c_str(), program.c_str(), "600", nullptr);
