@@ -1,7 +1,7 @@
 # Builds for iOS 16.1 on arm64 with the cross compiler that scripts/iphone-tools installs. On a Mac
 # the same sources build with Xcode's SDK and without this file:
 #   cmake -G Ninja -B build/iphone -DCMAKE_SYSTEM_NAME=iOS -DCMAKE_OSX_ARCHITECTURES=arm64 \
-#     -DCMAKE_OSX_DEPLOYMENT_TARGET=16.1 -DCMAKE_BUILD_TYPE=MinSizeRel
+#     -DCMAKE_OSX_DEPLOYMENT_TARGET=16.1 -DCMAKE_MACOSX_BUNDLE=OFF -DCMAKE_BUILD_TYPE=MinSizeRel
 set(CMAKE_SYSTEM_NAME iOS)
 set(CMAKE_SYSTEM_PROCESSOR arm64)
 
@@ -9,22 +9,16 @@ set(MORVANE_CROSS_TOOLS "${CMAKE_CURRENT_LIST_DIR}/../build/tools")
 cmake_path(NORMAL_PATH MORVANE_CROSS_TOOLS)
 set(CMAKE_CXX_COMPILER "${MORVANE_CROSS_TOOLS}/bin/iphone-c++")
 set(CMAKE_AR "${MORVANE_CROSS_TOOLS}/bin/iphone-ar")
-set(CMAKE_RANLIB "")
-set(CMAKE_OSX_SYSROOT "${MORVANE_CROSS_TOOLS}/sysroot")
-set(CMAKE_OSX_DEPLOYMENT_TARGET "")
-set(CMAKE_SYSROOT "")
-
-# A failed look-up must not be answered with a library of the machine that builds.
-set(CMAKE_FIND_ROOT_PATH "${MORVANE_CROSS_TOOLS}/sysroot")
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_RANLIB "${MORVANE_CROSS_TOOLS}/bin/iphone-ranlib")
+set(CMAKE_OSX_SYSROOT "${MORVANE_CROSS_TOOLS}/iPhoneOS")  # CMake takes no other name for one
+set(CMAKE_MACOSX_BUNDLE OFF)
 
 # One thread: statics need no locks. Stack protector and library hardening: root reads here what
 # untrusted apps have written. The prefix map keeps the builder's folders out of the binary.
 string(JOIN " " CMAKE_CXX_FLAGS_INIT
   -fno-threadsafe-statics -fno-unwind-tables -fno-asynchronous-unwind-tables
-  -fstack-protector-strong "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=."
+  -fstack-protector-strong -Wunguarded-availability
+  "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=."
   "-ffile-prefix-map=${MORVANE_CROSS_TOOLS}=tools")
 
 # The signer writes one more load command behind the others. Without spare room there it would

@@ -1,21 +1,30 @@
-// The parts of the C++ runtime that this tool decides for itself. It neither throws nor catches, so
-// there is nothing to do about lack of memory but to end; with that said here, the linked binary
+// The parts of the C++ runtime that this tool brings itself. It neither throws nor catches: without
+// memory, and without a handler that finds some, it ends. With that said here the linked binary
 // holds no unwinder, no demangler and no thread primitives.
 
 #include <__verbose_abort>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
+
+std::new_handler newHandler = nullptr;
 
 void* allocate(std::size_t size) { return std::malloc(size == 0 ? 1 : size); }
 
 }  // namespace
 
+std::new_handler std::set_new_handler(std::new_handler handler) noexcept {
+  return std::exchange(newHandler, handler);
+}
+
 void* operator new(std::size_t size) {
-  void* memory = allocate(size);
-  if (!memory) std::abort();
-  return memory;
+  for (;;) {
+    if (void* memory = allocate(size)) return memory;
+    if (!newHandler) std::abort();
+    newHandler();
+  }
 }
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {

@@ -15,7 +15,9 @@ int swapNamesAt(int dirFd, const char* a, const char* b) {
 int syncVolume(int fd) {
   // fsync(2) only hands the data to the drive, which may keep it in its cache for a while.
   if (fsync_volume_np(fd, SYNC_VOLUME_FULLSYNC | SYNC_VOLUME_WAIT) == 0) return 0;
-  return fcntl(fd, F_FULLFSYNC) == 0 ? 0 : errno;
+  return syncFolder(fd);
 }
+
+int syncFolder(int fd) { return fcntl(fd, F_FULLFSYNC) == 0 ? 0 : errno; }
 
 }  // namespace morvane::platform
