@@ -13,13 +13,17 @@ set(CMAKE_RANLIB "${MORVANE_CROSS_TOOLS}/bin/iphone-ranlib")
 set(CMAKE_OSX_SYSROOT "${MORVANE_CROSS_TOOLS}/iPhoneOS")  # CMake takes no other name for one
 set(CMAKE_MACOSX_BUNDLE OFF)
 
-# One thread: statics need no locks. Stack protector and library hardening: root reads here what
-# untrusted apps have written. The prefix map keeps the builder's folders out of the binary.
+# Nothing is visible outside: what is, of C++, the loader would try to unite with the system's own
+# C++ library, which is another version. One thread: statics need no locks. Stack protector and
+# checks in the library: root reads here what untrusted apps have written. The prefix map keeps the
+# builder's folders out of the binary.
 string(JOIN " " CMAKE_CXX_FLAGS_INIT
+  -fvisibility=hidden -fvisibility-inlines-hidden -fvisibility-global-new-delete=force-hidden
   -fno-threadsafe-statics -fno-unwind-tables -fno-asynchronous-unwind-tables
-  -fstack-protector-strong -Wunguarded-availability
-  "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=."
-  "-ffile-prefix-map=${MORVANE_CROSS_TOOLS}=tools")
+  -fstack-protector-strong
+  -U_LIBCPP_HARDENING_MODE -D_LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_FAST
+  -Wunguarded-availability
+  "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${MORVANE_CROSS_TOOLS}=tools")
 
 # The signer writes one more load command behind the others. Without spare room there it would
 # overwrite the first bytes of code.
