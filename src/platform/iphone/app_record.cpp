@@ -32,8 +32,8 @@ id recordClass() {
 }
 
 /// The value of a record's property, owned by the record or by the autorelease pool; null where it
-/// has none or does not know the property. The class is private: asking first keeps the tool running
-/// on a system whose records have lost one.
+/// has none or does not know the property. The class is private: asking first keeps the tool
+/// running on a system whose records have lost one.
 CFTypeRef property(id record, const char* name) {
   const SEL getter = sel_registerName(name);
   if (!send<BOOL>(record, sel_registerName("respondsToSelector:"), getter)) return nullptr;
@@ -61,8 +61,8 @@ std::optional<AppRecord> appRecord(const std::string& bundleId) {
   const id records = recordClass();
   const CfRef identifier = makeString(bundleId);
   if (!records || !identifier) return std::nullopt;
-  const id record = send<id>(records, sel_registerName("applicationProxyForIdentifier:"),
-                             identifier.get());
+  const id record =
+      send<id>(records, sel_registerName("applicationProxyForIdentifier:"), identifier.get());
   if (!record) return std::nullopt;
   return AppRecord{pathOf(property(record, "dataContainerURL")),
                    pathOf(property(record, "bundleURL")), textOf(property(record, "teamID")),

@@ -5,7 +5,9 @@ namespace {
 
 constexpr Boolean kNoByteOrderMark = 0;
 
-bool isA(CFTypeID type, CFTypeRef value) { return value && CFGetTypeID(value) == type; }
+bool isA(CFTypeID type, CFTypeRef value) {
+  return value && CFGetTypeID(value) == type;
+}
 
 /// Converts all of `string`, into `buffer` or, where that is null, only to learn the size. Returns
 /// how many of its characters could be converted.
@@ -19,9 +21,9 @@ CFIndex toUtf8(CFStringRef string, std::string* buffer, CFIndex* size) {
 }  // namespace
 
 CfRef<CFStringRef> makeString(std::string_view text) {
-  return CfRef(CFStringCreateWithBytes(
-      nullptr, reinterpret_cast<const std::uint8_t*>(text.data()),
-      static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, kNoByteOrderMark));
+  return CfRef(CFStringCreateWithBytes(nullptr, reinterpret_cast<const std::uint8_t*>(text.data()),
+                                       static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8,
+                                       kNoByteOrderMark));
 }
 
 std::optional<std::string> textOf(CFTypeRef value) {

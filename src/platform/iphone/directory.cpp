@@ -88,15 +88,15 @@ struct DirectoryReader::State {
 void DirectoryReader::State::fill() {
   attrlist wanted = {};
   wanted.bitmapcount = ATTR_BIT_MAP_COUNT;
-  wanted.commonattr =
-      ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_ERROR | ATTR_CMN_NAME | ATTR_CMN_OBJTYPE;
+  wanted.commonattr = ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_ERROR | ATTR_CMN_NAME | ATTR_CMN_OBJTYPE;
   const int count = getattrlistbulk(fd, &wanted, buffer, sizeof buffer, 0);
   if (count <= 0) return stop(count < 0 ? errno : 0);
   left = count;
   at = buffer;
   if (upTo == ReadUpTo::end) return;
   const char* end = buffer;
-  for (int i = 0; i < count; ++i) end += Fields(end).take<std::uint32_t>();
+  for (int i = 0; i < count; ++i)
+    end += Fields(end).take<std::uint32_t>();
   const auto unused = static_cast<std::size_t>(buffer + sizeof buffer - end);
   ended = unused >= kLongestEntry;  // another entry would have fitted
 }
@@ -128,6 +128,8 @@ const DirectoryEntry* DirectoryReader::next() {
   }
 }
 
-int DirectoryReader::error() const { return state_->error; }
+int DirectoryReader::error() const {
+  return state_->error;
+}
 
 }  // namespace morvane::platform

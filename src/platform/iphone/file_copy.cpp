@@ -20,8 +20,7 @@ constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
 
 // The flags a copy is given. The others are the file system's own (compression, tracking) or the
 // system's, and would keep the copy from ever being deleted.
-constexpr std::uint32_t kCopiedFlags =
-    UF_NODUMP | UF_IMMUTABLE | UF_APPEND | UF_OPAQUE | UF_HIDDEN;
+constexpr std::uint32_t kCopiedFlags = UF_NODUMP | UF_IMMUTABLE | UF_APPEND | UF_OPAQUE | UF_HIDDEN;
 constexpr std::uint32_t kProtectingFlags = UF_IMMUTABLE | UF_APPEND;
 
 /// Closes what it holds unless it was closed by hand before; keeps errno.
@@ -73,13 +72,12 @@ class FirstError {
 int setFlags(const struct stat& source, int dst) {
   struct stat made;
   if (fstat(dst, &made) != 0) return -1;
-  const std::uint32_t flags =
-      (made.st_flags & ~kCopiedFlags) | (source.st_flags & kCopiedFlags);
+  const std::uint32_t flags = (made.st_flags & ~kCopiedFlags) | (source.st_flags & kCopiedFlags);
   return flags == made.st_flags ? 0 : fchflags(dst, flags);
 }
 
-/// Gives `dst` the attributes, access list and status of `src`, in the order in which none undoes or
-/// forbids the next: changing the owner clears set-id bits, and an immutable file takes nothing
+/// Gives `dst` the attributes, access list and status of `src`, in the order in which none undoes
+/// or forbids the next: changing the owner clears set-id bits, and an immutable file takes nothing
 /// more. Goes on after a failure; returns the first errno.
 int giveAttributes(int src, const struct stat& source, int dst) {
   FirstError error;

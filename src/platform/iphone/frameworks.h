@@ -1,8 +1,8 @@
 #pragma once
 
-/// What the phone's bodies use of the platform's C interfaces. Xcode's SDK has headers for nearly all
-/// of it, and they are used where they are there; the cross compiler brings only those of libSystem
-/// and of the Objective-C runtime, so the rest is declared here, as Apple documents it.
+/// What the phone's bodies use of the platform's C interfaces. Xcode's SDK has headers for nearly
+/// all of it, and they are used where they are there; the cross compiler brings only those of
+/// libSystem and of the Objective-C runtime, so the rest is declared here, as Apple documents it.
 
 #include <cstddef>
 #include <cstdint>

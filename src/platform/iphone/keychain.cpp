@@ -33,10 +33,9 @@ Query makeQuery(std::initializer_list<std::pair<CFTypeRef, CFTypeRef>> entries) 
     keys.push_back(key);
     values.push_back(value);
   }
-  return Query(CFDictionaryCreate(nullptr, keys.data(), values.data(),
-                                  static_cast<CFIndex>(entries.size()),
-                                  &kCFTypeDictionaryKeyCallBacks,
-                                  &kCFTypeDictionaryValueCallBacks));
+  return Query(
+      CFDictionaryCreate(nullptr, keys.data(), values.data(), static_cast<CFIndex>(entries.size()),
+                         &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
 }
 
 Query makeListQuery(ItemClass itemClass, const std::optional<std::string>& accessGroup) {
@@ -80,8 +79,8 @@ KeychainStatus deleteKeychainItems(ItemClass itemClass, const std::string& acces
   const CfRef group = makeString(accessGroup);
   // Without its access group the query would delete every item of the class.
   if (!group) return errSecParam;
-  const Query query = makeQuery(
-      {{kSecClass, classConstant(itemClass)}, {kSecAttrAccessGroup, group.get()}});
+  const Query query =
+      makeQuery({{kSecClass, classConstant(itemClass)}, {kSecAttrAccessGroup, group.get()}});
   return query ? SecItemDelete(query.get()) : errSecParam;
 }
 

@@ -53,6 +53,8 @@ std::vector<ProcessEntry> processTable() {
   return entries;
 }
 
-void killProcess(pid_t pid) { (void)kill(pid, SIGKILL); }
+void killProcess(pid_t pid) {
+  (void)kill(pid, SIGKILL);
+}
 
 }  // namespace morvane::platform

@@ -6,6 +6,8 @@ namespace morvane::platform {
 
 RunScope::RunScope() : pool_(objc_autoreleasePoolPush()) {}
 
-RunScope::~RunScope() { objc_autoreleasePoolPop(pool_); }
+RunScope::~RunScope() {
+  objc_autoreleasePoolPop(pool_);
+}
 
 }  // namespace morvane::platform

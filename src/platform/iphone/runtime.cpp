@@ -11,7 +11,9 @@ namespace {
 
 std::new_handler newHandler = nullptr;
 
-void* allocate(std::size_t size) { return std::malloc(size == 0 ? 1 : size); }
+void* allocate(std::size_t size) {
+  return std::malloc(size == 0 ? 1 : size);
+}
 
 }  // namespace
 
@@ -31,9 +33,17 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   return allocate(size);
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
+  std::free(memory);
+}
 
 // Where libc++ would throw, or finds itself misused.
-void std::__libcpp_verbose_abort(const char* /*format*/, ...) noexcept { std::abort(); }
+void std::__libcpp_verbose_abort(const char* /*format*/, ...) noexcept {
+  std::abort();
+}

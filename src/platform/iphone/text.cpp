@@ -42,8 +42,8 @@ std::size_t sequenceLength(unsigned char first, char32_t& character) {
   return 0;
 }
 
-/// Reads the UTF-8 sequence that `text` begins with. Returns its length, 0 where there is none: also
-/// for overlong forms, halves of surrogate pairs, and what is beyond Unicode.
+/// Reads the UTF-8 sequence that `text` begins with. Returns its length, 0 where there is none:
+/// also for overlong forms, halves of surrogate pairs, and what is beyond Unicode.
 std::size_t readSequence(std::string_view text, char32_t& character) {
   constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
   const std::size_t length = sequenceLength(static_cast<unsigned char>(text[0]), character);
@@ -78,9 +78,9 @@ Decoded decode(std::string_view text) {
 }
 
 CfRef<CFStringRef> makeString(const std::u16string& units) {
-  return CfRef(CFStringCreateWithCharacters(
-      nullptr, reinterpret_cast<const std::uint16_t*>(units.data()),
-      static_cast<CFIndex>(units.size())));
+  return CfRef(CFStringCreateWithCharacters(nullptr,
+                                            reinterpret_cast<const std::uint16_t*>(units.data()),
+                                            static_cast<CFIndex>(units.size())));
 }
 
 class Expression {

@@ -18,6 +18,8 @@ int syncVolume(int fd) {
   return syncFolder(fd);
 }
 
-int syncFolder(int fd) { return fcntl(fd, F_FULLFSYNC) == 0 ? 0 : errno; }
+int syncFolder(int fd) {
+  return fcntl(fd, F_FULLFSYNC) == 0 ? 0 : errno;
+}
 
 }  // namespace morvane::platform
