@@ -87,7 +87,7 @@ TEST_F(Copies, AreWholeAndLeaveTheSourceAlone) {
   EXPECT_EQ(differences(before, treeAt("/var/full/copy")), "");
   EXPECT_EQ(differences(before, treeAt("/var/from"), Specials::keep), "");
   EXPECT_EQ(tally.failed, 0);
-  EXPECT_EQ(tally.mediumError, 0);
+  EXPECT_EQ(tally.fatalError, 0);
   EXPECT_EQ(tally.leftOut, 0);
 }
 
