@@ -39,7 +39,7 @@ class Measure : public TreeVisitor {
   void leavingFolder(int) override { --depth_; }
   Again leftFolder(int, const char*) override { return Again::no; }
   void failed(const char*, int) override {}
-  void lostFolder(int /*error*/) override { --depth_; }
+  void lostFolder(int) override { --depth_; }
 
  private:
   Extent extent_;
