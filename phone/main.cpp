@@ -138,6 +138,9 @@ int commandShow(const Words& words) {
 
 int runCommand(const Words& words) {
   if (words.empty()) return usageError("no command");
+  if (words[0] == "help" || words[0] == "--help") {
+    return std::fputs(kUsageText, stdout) >= 0 && std::fflush(stdout) == 0 ? kOk : kFailed;
+  }
   const Words rest(words.begin() + 1, words.end());
   if (words[0] == "new") return commandNew(rest);
   if (words[0] == "run") return commandRun(rest);

@@ -3,6 +3,7 @@
 // case puts its own there, and in which no process runs but the tests'.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,6 +21,7 @@ using morvane::phone::Result;
 std::string makeWorkFolder() {
   std::string path = "/tmp/morvane-tests.XXXXXX";
   if (::mkdtemp(path.data()) == nullptr) std::abort();
+  ::chmod(path.c_str(), 0711);  // some cases go there as another user
   return path;
 }
 

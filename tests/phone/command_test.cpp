@@ -277,6 +277,18 @@ TEST_F(Phone, WorksForAnOrdinaryUser) {
   EXPECT_EQ(asUser({"run", dir, "sh", "-c", "id -u; touch /etc/x || exit 4"}).out, "0\n");
 }
 
+TEST_F(Phone, SaysWhatToAllowWhereNamespacesAreNotPermitted) {
+  make({"--app", "a.b", "--files", "0"});
+  const std::string forbid =
+      "for kind in user pid; do echo 0 >/proc/sys/user/max_${kind}_namespaces; done; exec \"$@\"";
+  const Outcome outcome = runCommand({"unshare", "--user", "--map-root-user", "sh", "-c", forbid,
+                                      "sh", MORVANE_PHONE, "run", dir, "echo", "ran"});
+  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_NE(outcome.err.find("cannot make private namespaces: "), std::string::npos) << outcome;
+  EXPECT_NE(outcome.err.find("allow it with: sysctl user.max_user_namespaces="), std::string::npos);
+}
+
 TEST_F(Phone, IsShownAtAGlance) {
   make({"--app", "com.burbn.instagram", "--files", "3"});
   ASSERT_EQ(run({MORVANE_CLI, "backup", "com.burbn.instagram", "daily"}).status, 0);
