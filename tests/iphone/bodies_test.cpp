@@ -263,7 +263,7 @@ std::string processRecord(pid_t pid, std::string_view name) {
 
 TEST_F(IphoneTest, ReadsTheProcessTableOnceAndExactly) {
   const std::string table = processRecord(0, "kernel_task") + processRecord(7, "Instagram") +
-                            processRecord(9, "SafariViewServic");
+                            processRecord(9, "SafariViewService");
   const std::size_t size = table.size();
   struct Case {
     std::size_t asked;
