@@ -1,6 +1,6 @@
 # Builds for iOS 16.1 on arm64 with the cross compiler that scripts/iphone-tools installs. On a Mac
 # the same sources build with Xcode's SDK and without this file:
-#   cmake -G Ninja -B build/iphone -DCMAKE_SYSTEM_NAME=iOS -DCMAKE_OSX_ARCHITECTURES=arm64 \
+#   cmake -G Ninja -B build/xcode -DCMAKE_SYSTEM_NAME=iOS -DCMAKE_OSX_ARCHITECTURES=arm64 \
 #     -DCMAKE_OSX_DEPLOYMENT_TARGET=16.1 -DCMAKE_MACOSX_BUNDLE=OFF -DCMAKE_BUILD_TYPE=MinSizeRel
 set(CMAKE_SYSTEM_NAME iOS)
 set(CMAKE_SYSTEM_PROCESSOR arm64)

@@ -91,9 +91,22 @@ int giveAttributes(int src, const struct stat& source, int dst) {
   return error.get();
 }
 
+/// Whether all of the file open at `fd` can be read.
+bool isReadable(int fd) {
+  char buffer[16 * 1024];
+  off_t at = 0;
+  ssize_t got = 0;
+  while ((got = pread(fd, buffer, sizeof buffer, at)) > 0)
+    at += got;
+  return got == 0;
+}
+
 CopyOutcome fillFile(int src, const struct stat& source, Descriptor& dst) {
   if (fcopyfile(src, dst.get(), nullptr, COPYFILE_DATA | COPYFILE_DATA_SPARSE) != 0) {
-    return outcomeOf(errno);
+    const CopyOutcome outcome = outcomeOf(errno);
+    // Either medium may be the one that failed.
+    if (outcome.error == EIO && isReadable(src)) return {EIO, CopySide::destination};
+    return outcome;
   }
   if (const int error = giveAttributes(src, source, dst.get()); error != 0) {
     return {error, CopySide::destination};

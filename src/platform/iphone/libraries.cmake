@@ -13,7 +13,9 @@ add_library(morvane_libcxx STATIC ${libcxx}/src/string.cpp)
 target_include_directories(morvane_libcxx PRIVATE ${libcxx}/src)
 target_compile_definitions(morvane_libcxx PRIVATE _LIBCPP_BUILDING_LIBRARY)
 target_compile_options(morvane_libcxx PRIVATE -w -fno-exceptions -fno-rtti)
-set_target_properties(morvane_libcxx PROPERTIES CXX_STANDARD 23)
+file(GLOB stubs ${PROJECT_SOURCE_DIR}/cmake/iphone/lib/*.tbd)
+set_target_properties(morvane_libcxx PROPERTIES
+  CXX_STANDARD 23 INTERFACE_LINK_DEPENDS "${stubs}")
 
 list(APPEND MORVANE_PLATFORM_EXTRA ${MORVANE_PLATFORM}/runtime.cpp)
 set(MORVANE_PLATFORM_LIBRARIES

@@ -2,7 +2,10 @@
 // memory, and without a handler that finds some, it ends. With that said here the linked binary
 // holds no unwinder, no demangler and no thread primitives.
 
+#include <time.h>
+
 #include <__verbose_abort>
+#include <chrono>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -46,4 +49,9 @@ void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
 // Where libc++ would throw, or finds itself misused.
 void std::__libcpp_verbose_abort(const char* /*format*/, ...) noexcept {
   std::abort();
+}
+
+// The library's own source of this clock would bring its exceptions along.
+std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
+  return time_point(duration(static_cast<rep>(clock_gettime_nsec_np(CLOCK_MONOTONIC_RAW))));
 }
