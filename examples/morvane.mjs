@@ -7,6 +7,7 @@
 // simulated phone: --tool "build/morvane_phone run DIR -- build/morvane_cli".
 
 import { spawn } from "node:child_process";
+import { realpathSync } from "node:fs";
 import { constants } from "node:os";
 import { pathToFileURL } from "node:url";
 
@@ -81,7 +82,7 @@ export function run(tool, args, timeout = 600_000) {
   });
 }
 
-if (process.argv[1] && import.meta.url === pathToFileURL(process.argv[1]).href) {
+if (process.argv[1] && import.meta.url === pathToFileURL(realpathSync(process.argv[1])).href) {
   let tool = ["morvane_cli"];
   let args = process.argv.slice(2);
   if (args[0] === "--tool" && args.length > 1) {
