@@ -25,6 +25,12 @@ std::optional<std::string> trustedLinkText(int dirFd, const char* name) {
   return text;
 }
 
+/// For the reason that a person is given, and for nothing else.
+bool isLinkAt(int dirFd, const char* name) {
+  const std::optional<struct stat> status = statusAt(dirFd, name);
+  return status && S_ISLNK(status->st_mode);
+}
+
 std::string takeComponent(std::string& path) {
   const size_t start = path.find_first_not_of('/');
   if (start == std::string::npos) {
@@ -63,7 +69,7 @@ UniqueFd openStepByStep(int dirFd, std::string path, int lastFlags) {
     // With O_DIRECTORY, a link at the end is "not a directory" to Linux.
     if (errno != ELOOP && errno != ENOTDIR) return {};
     const std::optional<std::string> text = trustedLinkText(at, name.c_str());
-    if (!text) return errno = ELOOP, UniqueFd();
+    if (!text) return errno = isLinkAt(at, name.c_str()) ? ELOOP : ENOTDIR, UniqueFd();
     path.insert(0, *text);
     if (path.starts_with('/')) moveTo(UniqueFd(open("/", kFolderFlags)));
     ++links;
