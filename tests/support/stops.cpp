@@ -29,13 +29,14 @@ struct NamingCall {
 };
 constexpr size_t kNone = 6;
 constexpr NamingCall kCalls[] = {
-    {SYS_openat, 0, 1},    {SYS_openat2, 0, 1},    {SYS_unlinkat, 0, 1},
-    {SYS_mkdirat, 0, 1},   {SYS_newfstatat, 0, 1}, {SYS_readlinkat, 0, 1},
-    {SYS_symlinkat, 1, 2}, {SYS_fchownat, 0, 1},   {SYS_utimensat, 0, 1},
-    {SYS_renameat2, 0, 1}, {SYS_renameat, 0, 1},   {SYS_getdents64, 0, kNone},
+    {SYS_openat, 0, 1},     {SYS_openat2, 0, 1},    {SYS_unlinkat, 0, 1},
+    {SYS_mkdirat, 0, 1},    {SYS_newfstatat, 0, 1}, {SYS_readlinkat, 0, 1},
+    {SYS_symlinkat, 1, 2},  {SYS_fchownat, 0, 1},   {SYS_utimensat, 0, 1},
+    {SYS_renameat2, 0, 1},  {SYS_renameat, 0, 1},   {SYS_getdents64, 0, kNone},
+    {SYS_fchown, 0, kNone}, {SYS_fchmod, 0, kNone}, {SYS_flistxattr, 0, kNone},
 #if defined(__x86_64__)
-    {SYS_open, kNone, 0},  {SYS_unlink, kNone, 0}, {SYS_rmdir, kNone, 0},
-    {SYS_mkdir, kNone, 0}, {SYS_stat, kNone, 0},   {SYS_lstat, kNone, 0},
+    {SYS_open, kNone, 0},   {SYS_unlink, kNone, 0}, {SYS_rmdir, kNone, 0},
+    {SYS_mkdir, kNone, 0},  {SYS_stat, kNone, 0},   {SYS_lstat, kNone, 0},
 #endif
 };
 
@@ -99,6 +100,9 @@ void changeRegisters(pid_t pid, const std::function<void(user_regs_struct&)>& ch
 }  // namespace
 
 #if defined(__x86_64__)
+bool stopsCanChangeCalls() {
+  return true;
+}
 void Stop::refuse(int error) const {
   changeRegisters(pid, [error](auto& registers) {
     registers.orig_rax = ~0ULL;  // skipped, and its result is what is there already (seccomp(2))
@@ -111,6 +115,9 @@ void Stop::set(size_t argument, std::uint64_t value) const {
   });
 }
 #else
+bool stopsCanChangeCalls() {
+  return false;
+}
 void Stop::refuse(int) const {
   FAIL() << "not written for this processor";
 }
