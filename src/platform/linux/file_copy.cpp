@@ -252,7 +252,7 @@ bool isOurLink(int fd, const std::string& text) {
   struct stat status;
   std::string now;
   return fstat(fd, &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid == geteuid() &&
-         readOpenLink(fd, now) && now == text;
+         status.st_nlink == 1 && readOpenLink(fd, now) && now == text;
 }
 
 CopyOutcome copyLinkAttributes(int src, const struct stat& source, const std::string& text,
