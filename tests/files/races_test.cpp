@@ -299,7 +299,7 @@ TEST_F(WhileFoldersAreMovedAway, ACopyWhoseOwnFoldersGoSaysWhatIsMissing) {
   const auto body = [] {
     CopyTally counted;
     copyTreeReplacing(at(kTree), at("/var/to"), counted);
-    ::_exit(counted.failed > 0 && counted.mediumError == 0 ? 0 : 1);
+    ::_exit(counted.failed > 0 && counted.fatalError == 0 ? 0 : 1);
   };
   for (const std::vector<int>& levels : {std::vector{12, 8}, {20, 3}}) {
     runAndMove(body, "/var/to", levels);
