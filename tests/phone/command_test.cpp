@@ -237,7 +237,8 @@ TEST_F(Phone, RunsCommandsAsTheyAre) {
                         dir, "sh", "-c", trap}),
             (Outcome{9, "got it\n", ""}));
   // Killed, it takes everything inside along.
-  (void)runCommand({"timeout", "-s", "KILL", "1", MORVANE_PHONE, "run", dir, "sleep", "61402"});
+  (void)runCommand(
+      {"timeout", "--foreground", "-s", "KILL", "1", MORVANE_PHONE, "run", dir, "sleep", "61402"});
   EXPECT_EQ(runCommand({"sh", "-c", "sleep 0.2; cat /proc/[0-9]*/cmdline"}).out.find("61402"),
             std::string::npos);
 }

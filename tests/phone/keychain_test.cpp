@@ -92,9 +92,13 @@ TEST_F(Keychain, ShowsAndDeletesWhatTheToolIsEntitledToAndNothingElse) {
   EXPECT_EQ(listKeychainItems(ItemClass::genericPassword, kFamily).status, kNotFound);
   EXPECT_EQ(counts(kFamily), (std::vector<size_t>{0, 1, 1, 1, 0}));
   EXPECT_EQ(counts(kMessenger), full);
-  // The certificate alone, or the key of another group, is no identity.
+  // A certificate whose key is of another group, or not the private one, is no identity.
   change("UPDATE keys SET agrp = 'T84QZS65DQ.platformFamily' WHERE kcls = 1");
   EXPECT_EQ(counts(kMessenger), (std::vector<size_t>{2, 1, 1, 2, 0}));
+  change(
+      "UPDATE keys SET agrp = 'T84QZS65DQ.com.facebook.Messenger', kcls = 0 WHERE klbl IN"
+      " (SELECT pkhh FROM cert WHERE agrp = 'T84QZS65DQ.com.facebook.Messenger')");
+  EXPECT_EQ(counts(kMessenger), (std::vector<size_t>{2, 1, 2, 2, 0}));
 }
 
 TEST_F(Keychain, ThatIsMissingIsEmptyAndStaysMissing) {
