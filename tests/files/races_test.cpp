@@ -228,6 +228,24 @@ TEST_F(WhileAnAppSwapsItsFiles, WhateverTheKindAFileOrFolderGoes) {
   }
 }
 
+TEST_F(WhileAnAppSwapsItsFiles, AFolderPutInTheWayOfARestoreGetsNothing) {
+  rebuild();
+  bool made = false;
+  bool planted = false;
+  StoppedRuns(restore).run([&](const Stop& stop) {
+    if (stop.path != kTree + "/a") return;
+    if (stop.call == SYS_openat && made && !planted) {
+      moveAside(stop.path);
+      put(stop.path + "/planted");
+      ASSERT_EQ(::lchown(stop.path.c_str(), 501, 501), 0);
+      planted = true;
+    }
+    made = made || stop.call == SYS_mkdirat;
+  });
+  EXPECT_TRUE(planted);
+  EXPECT_EQ(namesIn(kTree + "/a"), std::vector<std::string>{"planted"});
+}
+
 /// A chain of folders, deeper than are held open, each with a file in it and after it.
 class WhileFoldersAreMovedAway : public WhileAnAppSwapsItsFiles {
  protected:
