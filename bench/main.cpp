@@ -85,7 +85,7 @@ void makeTree(const Words& words) {
   ::mkdir(words[1].c_str(), 0755);
   for (int i = 1; i <= folders; ++i) {
     const auto parent = static_cast<size_t>((i - 1) / kFoldersInAFolder);
-    paths.push_back(paths[parent] + "/folder" + std::to_string(i));
+    paths.push_back(paths[parent] + "/folder" + std::to_string(1000000 + i));
     if (::mkdir(paths.back().c_str(), 0755) != 0) giveUp(paths.back());
   }
   std::mt19937 random(4711);
