@@ -10,7 +10,7 @@
 namespace morvane::platform {
 namespace {
 
-constexpr std::size_t kBufferSize = 32 * 1024;
+constexpr std::size_t kBufferSize = std::size_t{32} * 1024;
 // Four words, five of returned attributes, and a name of 255 characters of three bytes each.
 constexpr std::size_t kLongestEntry = 1024;
 

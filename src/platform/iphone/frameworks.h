@@ -9,6 +9,7 @@
 
 // --- CoreFoundation and Security (developer.apple.com/documentation/corefoundation, /security)
 
+// NOLINTBEGIN: these names are the platform's, not ours
 #if defined(__APPLE__) && __has_include(<CoreFoundation/CoreFoundation.h>) && \
     __has_include(<Security/Security.h>)
 
@@ -154,3 +155,4 @@ std::int32_t uregex_start(URegularExpression* expression, std::int32_t group, UE
 std::int32_t uregex_end(URegularExpression* expression, std::int32_t group, UErrorCode* status);
 
 }  // extern "C"
+// NOLINTEND
