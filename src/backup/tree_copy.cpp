@@ -31,36 +31,48 @@ UniqueFd openOrMake(const Place& place, bool& isNew) {
   return folder;
 }
 
+/// The folder to copy, and its status before it was read, which is an access that its times tell.
+struct Source {
+  UniqueFd fd;
+  struct stat status;
+};
+
+bool openSource(const Place& place, Source& source) {
+  source.fd = openFolderTrustingAt(place.dirFd, place.path);
+  return source.fd && fstat(source.fd.get(), &source.status) == 0;
+}
+
 }  // namespace
 
 void copyTreeFiltered(const Place& source, const Place& destination,
                       const std::vector<std::string>& needles, CopyTally& tally,
                       CopyObserver* observer) {
-  const UniqueFd src = openFolderTrustingAt(source.dirFd, source.path);
-  if (!src) return;
+  Source src;
+  if (!openSource(source, src)) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
   if (!dst) return tally.noteFatal(errno);
   KeywordFilter filter(needles);
-  copyContents(src.get(), dst.get(),
+  copyContents(src.fd.get(), dst.get(),
                {.onExisting = OnExisting::keep, .filter = &filter, .observer = observer}, tally);
-  copyAttributes(src.get(), dst.get(), tally);
+  tally.note(platform::copyFolderAttributes(src.fd.get(), src.status, dst.get()));
 }
 
 void copyTreeReplacing(const Place& source, const Place& destination, CopyTally& tally,
                        CopyObserver* observer) {
-  const UniqueFd src = openFolderTrustingAt(source.dirFd, source.path);
-  if (!src) return;
+  Source src;
+  if (!openSource(source, src)) return;
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
   if (!dst) return tally.noteFatal(errno);
-  copyContents(src.get(), dst.get(),
+  copyContents(src.fd.get(), dst.get(),
                {.onExisting = OnExisting::replaceTopLevel, .observer = observer}, tally);
-  if (isNew) return copyAttributes(src.get(), dst.get(), tally);
+  if (isNew) {
+    return tally.note(platform::copyFolderAttributes(src.fd.get(), src.status, dst.get()));
+  }
   // The folder is the app's own and keeps its owner and mode. That we have written in it is no
   // change of the app's.
-  struct stat status;
-  if (fstat(src.get(), &status) == 0) (void)platform::setTimes(dst.get(), status);
+  (void)platform::setTimes(dst.get(), src.status);
 }
 
 }  // namespace morvane

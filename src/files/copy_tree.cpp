@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <vector>
+
 #include "files/open.h"
 #include "files/remove_tree.h"
 #include "files/tree_walk.h"
@@ -38,31 +40,34 @@ class Copier : public TreeVisitor {
   void visitFile(int dirFd, const char* name, FileType type) override {
     if (isLeftOut(name)) return;
     if (!inStep()) return (void)++tally_.failed;
-    makeRoomFor(name);
-    if (type == FileType::other) return;
-    const bool emptyFolder = options_.filter && type == FileType::link && isFolderAt(dirFd, name);
-    const CopyOutcome outcome = emptyFolder              ? makeEmptyFolder(dirFd, name)
-                                : type == FileType::link ? copyLink(dirFd, name)
-                                                         : copyFile(dirFd, name);
-    noteFile(outcome);
+    CopyOutcome outcome = copyEntry(dirFd, name, type);
+    // Most often there is nothing to be replaced, so that is found out by trying.
+    if (replaces() && (!outcome.ok() || type == FileType::other)) {
+      (void)removeEntryAt(place_.current(), name);  // if it stays, the copy says so
+      if (isTaken(outcome)) outcome = copyEntry(dirFd, name, type);
+    }
+    // A file that is there already and is kept is the copy of an earlier, equal walk.
+    if (!isTaken(outcome) || options_.onExisting != OnExisting::keep) tally_.note(outcome);
   }
 
   Descend visitFolder(int /*dirFd*/, const char* name) override {
     return isLeftOut(name) ? Descend::no : Descend::yes;
   }
 
-  Descend enteredFolder(const char* name, int /*fd*/) override {
-    const CopyOutcome made = inStep() ? makeFolder(name) : CopyOutcome{ESTALE, CopySide::source};
+  Descend enteredFolder(const char* name, int fd) override {
+    struct stat status;  // before the folder is read, which is an access that its times tell
+    CopyOutcome made = inStep() ? makeFolder(name) : CopyOutcome{ESTALE, CopySide::source};
+    if (made.ok() && fstat(fd, &status) != 0) made = sourceFailure();
     tally_.note(made);
     if (!made.ok()) return Descend::no;
-    ++depth_;
+    statuses_.push_back(status);
     if (options_.filter) options_.filter->enterFolder(name);
     return Descend::yes;
   }
 
   void leavingFolder(int fd) override {
     if (inStep()) {
-      copyAttributes(fd, place_.current(), tally_);
+      tally_.note(platform::copyFolderAttributes(fd, statuses_.back(), place_.current()));
     } else {
       ++tally_.failed;
     }
@@ -87,7 +92,7 @@ class Copier : public TreeVisitor {
         tally_.note({error, CopySide::destination});
       }
     }
-    --depth_;
+    statuses_.pop_back();
   }
 
   [[nodiscard]] bool isLeftOut(const char* name) {
@@ -98,11 +103,22 @@ class Copier : public TreeVisitor {
 
   /// Whether the destination's place corresponds to the source's: not if someone has moved the
   /// folders that are being written away, until the walk is back where both are known.
-  [[nodiscard]] bool inStep() const { return place_.depth() == depth_; }
+  [[nodiscard]] bool inStep() const { return place_.depth() == statuses_.size(); }
 
-  void makeRoomFor(const char* name) {
-    if (options_.onExisting != OnExisting::replaceTopLevel || depth_ != 0) return;
-    (void)removeEntryAt(place_.current(), name);  // if it stays, the copy says so
+  /// Whether what is in the current folder takes the place of its namesakes in the destination.
+  [[nodiscard]] bool replaces() const {
+    return options_.onExisting == OnExisting::replaceTopLevel && statuses_.empty();
+  }
+
+  static bool isTaken(const CopyOutcome& outcome) {
+    return outcome.error == EEXIST && outcome.side == CopySide::destination;
+  }
+
+  CopyOutcome copyEntry(int dirFd, const char* name, FileType type) {
+    if (type == FileType::other) return {};
+    if (type != FileType::link) return copyFile(dirFd, name);
+    if (options_.filter && isFolderAt(dirFd, name)) return makeEmptyFolder(dirFd, name);
+    return platform::copyLinkAt(dirFd, name, place_.current(), name);
   }
 
   CopyOutcome copyFile(int dirFd, const char* name) {
@@ -119,10 +135,6 @@ class Copier : public TreeVisitor {
     return outcome;
   }
 
-  CopyOutcome copyLink(int dirFd, const char* name) {
-    return platform::copyLinkAt(dirFd, name, place_.current(), name);
-  }
-
   CopyOutcome makeEmptyFolder(int dirFd, const char* name) {
     const std::optional<struct stat> link = statusAt(dirFd, name);
     if (!link) return sourceFailure();
@@ -133,8 +145,11 @@ class Copier : public TreeVisitor {
   }
 
   CopyOutcome makeFolder(const char* name) {
-    makeRoomFor(name);
-    const bool made = mkdirat(place_.current(), name, kPrivateFolder) == 0;
+    bool made = mkdirat(place_.current(), name, kPrivateFolder) == 0;
+    if (!made && errno == EEXIST && replaces()) {
+      (void)removeEntryAt(place_.current(), name);
+      made = mkdirat(place_.current(), name, kPrivateFolder) == 0;
+    }
     if (!made && (errno != EEXIST || options_.onExisting != OnExisting::keep)) {
       return destinationFailure();
     }
@@ -144,17 +159,10 @@ class Copier : public TreeVisitor {
     return {ESTALE, CopySide::destination};
   }
 
-  /// A file that is there already is kept: it is the copy of an earlier, equal walk.
-  void noteFile(const CopyOutcome& outcome) {
-    const bool kept = outcome.error == EEXIST && outcome.side == CopySide::destination &&
-                      options_.onExisting == OnExisting::keep;
-    if (!kept) tally_.note(outcome);
-  }
-
   const CopyOptions& options_;
   CopyTally& tally_;
-  DirStack place_;    // in the destination
-  size_t depth_ = 0;  // in the source
+  DirStack place_;                     // in the destination
+  std::vector<struct stat> statuses_;  // of the source's folders on the way down, without the root
 };
 
 }  // namespace
@@ -176,12 +184,6 @@ void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally
   Copier copier(dst, options, tally);
   TreeWalk walk(copier, platform::ReadUpTo::end);
   walk.run(src);
-}
-
-void copyAttributes(int src, int dst, CopyTally& tally) {
-  struct stat status;
-  if (fstat(src, &status) != 0) return tally.note(sourceFailure());
-  tally.note(platform::copyFolderAttributes(src, status, dst));
 }
 
 }  // namespace morvane

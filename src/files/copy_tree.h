@@ -57,7 +57,4 @@ struct CopyOptions {
 /// becomes an empty folder. Goes on after every failure; `tally` is added to.
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally);
 
-/// Gives the folder open at `dst` what the folder open at `src` has besides its contents.
-void copyAttributes(int src, int dst, CopyTally& tally);
-
 }  // namespace morvane

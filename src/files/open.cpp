@@ -129,8 +129,9 @@ UniqueFd makePrivateFolderAt(int dirFd, const char* name, mode_t mode) {
 }
 
 bool isPrivateFolder(int fd) {
+  static const uid_t ourUser = geteuid();
   struct stat status;
-  return fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
+  return fstat(fd, &status) == 0 && status.st_uid == ourUser &&
          (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 

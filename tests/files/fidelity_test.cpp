@@ -122,6 +122,9 @@ TEST_F(CopiesAreFaithful, OverRandomTrees) {
     fs::remove_all("/var/mobile");
     const std::string app = putApp("app", "com.a");
     RandomTree(seed).fill(app + "/Documents", 4);
+    // What is made in such a folder gets the folder's group.
+    ASSERT_EQ(::chown((app + "/Documents").c_str(), 501, 20), 0);
+    ASSERT_EQ(::chmod((app + "/Documents").c_str(), 02770), 0);
     setOldTime(app + "/Documents");
     const Tree before = treeAt(app + "/Documents");
     entries += before.size();
@@ -134,6 +137,24 @@ TEST_F(CopiesAreFaithful, OverRandomTrees) {
     EXPECT_EQ(differences(before, treeAt(app + "/Documents")), "") << "seed " << seed;
   }
   EXPECT_GT(entries, 400U);
+}
+
+TEST_F(CopiesAreFaithful, ToTheTimeOfTheLastAccess) {
+  put("/var/in/folder/file", "x");
+  putLink("/var/in/folder/link", "file");
+  const std::vector<std::string> names{"", "/folder", "/folder/file", "/folder/link"};
+  for (const std::string& name : names) {
+    const timespec times[2] = {{1000000000, 7}, {1200000000, 9}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, ("/var/in" + name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  }
+  CopyTally tally;
+  copyTreeReplacing({AT_FDCWD, "/var/in"}, {AT_FDCWD, "/var/to"}, tally);
+  for (const std::string& name : names) {
+    struct stat status {};
+    ASSERT_EQ(::lstat(("/var/to" + name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_atim.tv_sec, 1000000000) << name;
+    EXPECT_EQ(status.st_atim.tv_nsec, 7) << name;
+  }
 }
 
 /// What of `now` somebody can do who may not do it `later`. The owner of what is his already

@@ -275,6 +275,7 @@ class WhileFoldersAreMovedAway : public WhileAnAppSwapsItsFiles {
       for (const int depth : levels) {
         const std::string to = kElsewhere + "/moved" + std::to_string(depth);
         ASSERT_EQ(::rename(level(root, depth).c_str(), to.c_str()), 0);
+        setOldTime(level(root, depth - 1), 1000000000 + depth - 1, depth - 1);
       }
     }));
     EXPECT_TRUE(moved);

@@ -226,19 +226,11 @@ CopyOutcome copyAttributes(const AttributeHolder& from, const AttributeHolder& t
   return outcome;
 }
 
-CopyOutcome giveOwner(int dst, const struct stat& source, const struct stat& now) {
-  if (source.st_uid == now.st_uid && source.st_gid == now.st_gid) return {};
-  if (fchown(dst, source.st_uid, source.st_gid) == 0) return {};
-  return fromDestination();
-}
-
-/// Owner first, since a change of owner takes the set-user-id bits and capabilities away; then
-/// attributes, while the mode still lets us; then the mode; the times last.
+/// Owner first, since a change of owner takes the set-user-id bits and capabilities away, and
+/// always, since a folder can give its own group to what is made in it; then attributes, while the
+/// mode still lets us; then the mode; the times last.
 CopyOutcome copyFileAttributes(int src, const struct stat& source, int dst, mode_t created) {
-  static const uid_t ourUser = geteuid();
-  static const gid_t ourGroup = getegid();
-  const bool ours = source.st_uid == ourUser && source.st_gid == ourGroup;
-  if (!ours && fchown(dst, source.st_uid, source.st_gid) != 0) return fromDestination();
+  if (fchown(dst, source.st_uid, source.st_gid) != 0) return fromDestination();
   const CopyOutcome outcome = copyAttributes(AttributeHolder(src), AttributeHolder(dst));
   if (!outcome.ok()) return outcome;
   const mode_t mode = source.st_mode & kModeBits;
@@ -301,9 +293,8 @@ CopyOutcome copyLinkAt(int srcDir, const char* name, int dstDir, const char* dst
 }
 
 CopyOutcome copyFolderAttributes(int src, const struct stat& source, int dst) {
-  struct stat now;
-  if (fstat(dst, &now) != 0) return fromDestination();
-  CopyOutcome first = giveOwner(dst, source, now);
+  CopyOutcome first;
+  if (fchown(dst, source.st_uid, source.st_gid) != 0) first = fromDestination();
   const auto note = [&first](const CopyOutcome& outcome) {
     if (first.ok()) first = outcome;
   };
