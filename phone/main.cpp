@@ -84,6 +84,8 @@ std::optional<std::string> readOption(const std::string& name, const std::string
 
 int commandNew(const Words& words) {
   if (words.empty() || words[0].empty()) return usageError("new takes a folder");
+  // A misplaced option must not become a folder that is hard to remove.
+  if (words[0][0] == '-') return usageError("new takes a folder before any option");
   PhoneOptions options;
   for (std::size_t i = 1; i < words.size(); i += 2) {
     if (i + 1 == words.size()) return usageError(words[i] + " takes a value");

@@ -73,6 +73,8 @@ void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
 
 /// Puts the finished copy in its place. Says why not; empty when all is well.
 std::string publish(Staging& staging, const BackupRun& run) {
+  // Without a staging folder every copy fails; its own reason is the one to tell.
+  if (staging.setupError()) return staging.setupError().text();
   if (run.fatalError != 0) return StoreError{"copy", run.fatalError}.text();
   return staging.publish(run.backedUp);
 }

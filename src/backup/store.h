@@ -39,6 +39,9 @@ class Staging {
   /// The open staging folder; -1 where it could not be made.
   [[nodiscard]] int fd() const { return folder_.get(); }
 
+  /// Why the staging folder could not be made, if so.
+  [[nodiscard]] const StoreError& setupError() const { return setupError_; }
+
   /// Removes the staging folder.
   void discard();
 

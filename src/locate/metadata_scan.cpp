@@ -41,7 +41,7 @@ bool isRegularFile(int fd) {
   return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
+bool contentMatches(int fd, std::string_view needle, MatchRule rule) {
   static std::array<char, kPieceSize> buffer;
   NeedleSearch search(needle, rule);
   bool matched = false;
@@ -55,9 +55,14 @@ bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
   }
 }
 
+/// What matches is asked what it is, since a FIFO gives what the app that made it writes.
+bool fileMatches(int fd, std::string_view needle, MatchRule rule) {
+  return contentMatches(fd, needle, rule) && isRegularFile(fd);
+}
+
 /// The metadata file of the container folder `entry` in `rootFd`; empty where there is none. One
 /// call a container is what the scan's speed rests on, so what was opened is not looked at here: a
-/// folder cannot be read, a FIFO gives nothing and does not block, and apps cannot make devices.
+/// folder cannot be read, a FIFO does not block, and apps cannot make devices.
 UniqueFd openMetadata(int rootFd, const platform::DirectoryEntry& entry) {
   if (entry.type == FileType::regular || entry.type == FileType::other) return {};
   return openToReadTrustingAt(rootFd, std::string(entry.name) + "/" + kMetaName);

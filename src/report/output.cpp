@@ -16,7 +16,9 @@ void prepareStreams() {
     // open(2) gives the lowest free number, which is `fd`: the ones below were seen to be taken.
     if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) (void)open("/dev/null", O_RDWR | O_NOCTTY);
   }
-  (void)std::signal(SIGPIPE, SIG_IGN);
+  // Writing then fails like any other, and the run comes to its own end.
+  for (const int signal : {SIGPIPE, SIGXFSZ})
+    (void)std::signal(signal, SIG_IGN);
 }
 
 void writeOut(Stream stream, std::string_view text) {

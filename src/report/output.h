@@ -8,7 +8,8 @@ enum class Stream { standardOutput, standardError };
 
 /// Makes the process's streams safe to use for the whole run: a standard descriptor that is closed
 /// is opened on /dev/null, so that no file of ours can take its number and receive our output, and
-/// writing to a pipe without a reader is no longer fatal. Call once, first.
+/// writing to a pipe without a reader, or beyond the caller's limit on the size of files, is no
+/// longer fatal. Call once, first.
 void prepareStreams();
 
 /// Writes `text` at once, unbuffered: it has left the process when this returns, however the

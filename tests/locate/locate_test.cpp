@@ -118,7 +118,11 @@ TEST_F(OnlyTheNamedAppIsFound, WhateverElseLiesAmongTheContainers) {
     putFolder(root + "/device");
     EXPECT_EQ(::mknod((root + "/device/" + kMetaName).c_str(), S_IFCHR | 0666, (1 << 8) | 5), 0);
   }
+  // An app that holds its FIFO open has it say what it likes.
+  const int fed = ::open((root + "/pipe/" + kMetaName).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+  ASSERT_EQ(::write(fed, "com.a.", 6), 6);
   EXPECT_EQ(sorted(dirScanContaining(root, "com.a")), sorted(found));
+  ::close(fed);
   EXPECT_TRUE(std::count(found.begin(), found.end(), findContainer("com.a").value_or("")));
   EXPECT_EQ(dirScanContaining("/dev/null", "com.a"), Paths{});
 }

@@ -184,6 +184,7 @@ TEST_F(Phone, IsMadeWholeOrNotAtAll) {
       {{}, 2, "usage: "},
       {{"call", dir}, 2, "unknown command: call"},
       {{"new"}, 2, "new takes a folder"},
+      {{"new", "--help"}, 2, "new takes a folder before any option"},
       {{"new", dir, "--files"}, 2, "--files takes a value"},
       {{"new", dir, "--files", "-1"}, 2, "not a number: -1"},
       {{"new", dir, "--size", "1"}, 2, "unknown option: --size"},
