@@ -142,8 +142,7 @@ bool Staging::isAt(const std::string& name) const {
 }
 
 int syncFailure(int error) {
-  const bool unknownCall =
-      error == ENOSYS || error == EINVAL || error == ENOTSUP || error == EOPNOTSUPP;
+  const bool unknownCall = error == ENOSYS || error == EINVAL || error == ENOTSUP;
   return unknownCall ? 0 : error;
 }
 

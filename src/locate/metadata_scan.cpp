@@ -29,15 +29,11 @@ std::string_view readPiece(int fd, std::array<char, kPieceSize>& buffer) {
 /// and two of them stand for all: they end an occurrence before the hole, and none can begin in
 /// them. False at the end of the file.
 bool skipHole(int fd, NeedleSearch& search, bool& matched) {
-#ifdef SEEK_DATA
   const off_t here = lseek(fd, 0, SEEK_CUR);
   const off_t data = lseek(fd, here, SEEK_DATA);
   if (data == here || (data < 0 && errno != ENXIO)) return true;
   matched = search.feed(std::string_view("\0\0", 2));
   return data >= 0;
-#else
-  return true;
-#endif
 }
 
 bool isRegularFile(int fd) {

@@ -30,65 +30,44 @@ TEST_F(WrongArgumentsTouchNothing, AndSayWhatIsWrong) {
   put("/var/mobile/MorvaneBackups/x.morvane/com.a/Documents/kept");
   put("/var/mobile/MorvaneBackups/x.morvane/manifest.txt", "com.a");
   const Tree before = treeAt("/var");
+  // By answer; "~" stands between the words of a command line.
   const struct {
-    std::vector<std::string> arguments;
-    const char* err;  // null: the usage, on standard output
+    const char* out;
+    const char* err;
+    std::vector<std::string> commandLines;
   } rows[] = {
-      {{}, nullptr},
-      {{""}, nullptr},
-      {{"RESET", "com.a", "kill"}, nullptr},
-      {{"wipe", "com.a"}, nullptr},
-      {{"--help"}, nullptr},
-      {{"reset"}, nullptr},
-      {{"reset", "com.a"}, nullptr},
-      {{"reset", "com.a", "kill", "sys=1", "x"}, nullptr},
-      {{"reset", "com.a", "kill", "x", "y", "z"}, nullptr},
-      {{"backup", "com.a"}, nullptr},
-      {{"backup", "com.a", "n", "k", "x"}, nullptr},
-      {{"restore"}, nullptr},
-      {{"restore", "x.morvane", "y"}, nullptr},
-      {{"removebackup"}, nullptr},
-      {{"removebackup", "ALL", "y"}, nullptr},
-      // The argument count is looked at before what the arguments are.
-      {{"reset", "bad!"}, nullptr},
-      {{"reset", "com.a,bad!", "foo"}, kRejected},
-      {{"reset", "com.a\n", "kill"}, kRejected},
-      {{"reset", "com.a,com.a\n,", "kill"}, kRejected},
-      {{"reset", "../com.a", "kill"}, kRejected},
-      {{"reset", "com.a/..", "kill"}, kRejected},
-      {{"reset", ".com.a", "clear"}, kRejected},
-      {{"reset", "com..a", "clear"}, kRejected},
-      {{"reset", "com.á", "clear"}, kRejected},
-      {{"reset", "com.\xff", "clear"}, kRejected},
-      {{"reset", "com a", "clear"}, kRejected},
-      {{"reset", "", "kill"}, kNoBundle},
-      {{"reset", " , ,\t,\u3000", "kill"}, kNoBundle},
-      {{"reset", ",,", "KILL"}, kNoBundle},
-      {{"reset", "com.a", "KILL"}, kBadMode},
-      {{"reset", "com.a", ""}, kBadMode},
-      {{"reset", "com.a", "kill "}, kBadMode},
-      {{"backup", "bad!", "../x"}, kRejected},
-      {{"backup", ",", "../x"}, kNoBundle},
-      {{"backup", "com.a", "../x"}, kBadName},
-      {{"backup", "com.a", ".x"}, kBadName},
-      {{"backup", "com.a", "a/b"}, kBadName},
-      {{"backup", "com.a", ""}, kBadName},
-      {{"backup", "com.a", " x"}, kBadName},
-      {{"restore", "x"}, kBadFile},
-      {{"restore", "ALL"}, kBadFile},
-      {{"restore", ".morvane"}, kBadFile},
-      {{"restore", "x.MORVANE"}, kBadFile},
-      {{"restore", "x.morvane\n"}, kBadFile},
-      {{"restore", "a..b.morvane"}, kBadFile},
-      {{"restore", "/x.morvane"}, kBadFile},
-      {{"removebackup", "all"}, kBadFile},
-      {{"removebackup", "../x.morvane"}, kBadFile},
-      {{"removebackup", ""}, kBadFile},
+      {kUsage,
+       "",
+       {"", "RESET~com.a~kill", "wipe~com.a", "--help", "reset", "reset~com.a",
+        "reset~com.a~kill~sys=1~x", "backup~com.a", "backup~com.a~n~k~x", "restore",
+        "restore~x.morvane~y", "removebackup", "removebackup~ALL~y",
+        // The number of words is looked at before what they are.
+        "reset~bad!", "reset~bad!~kill~x~y~z"}},
+      {"",
+       kRejected,
+       {"reset~com.a,bad!~foo", "reset~com.a\n~kill", "reset~com.a,com.a\n,~kill",
+        "reset~../com.a~kill", "reset~com.a/..~kill", "reset~.com.a~clear", "reset~com..a~clear",
+        "reset~com.á~clear", "reset~com.\xff~clear", "reset~com a~clear", "backup~bad!~../x"}},
+      {"",
+       kNoBundle,
+       {"reset~~kill", "reset~ , ,\t,\u3000~kill", "reset~,,~KILL", "backup~,~../x"}},
+      {"", kBadMode, {"reset~com.a~KILL", "reset~com.a~", "reset~com.a~kill "}},
+      {"",
+       kBadName,
+       {"backup~com.a~../x", "backup~com.a~.x", "backup~com.a~a/b", "backup~com.a~",
+        "backup~com.a~ x"}},
+      {"",
+       kBadFile,
+       {"restore~x", "restore~ALL", "restore~.morvane", "restore~x.MORVANE", "restore~x.morvane\n",
+        "restore~a..b.morvane", "restore~/x.morvane", "removebackup~all",
+        "removebackup~../x.morvane", "removebackup~"}},
   };
   for (const auto& row : rows) {
-    const Outcome expected{2, row.err == nullptr ? kUsage : "", row.err == nullptr ? "" : row.err};
-    EXPECT_EQ(cli(row.arguments), expected) << ::testing::PrintToString(row.arguments);
+    for (const std::string& line : row.commandLines) {
+      EXPECT_EQ(cliLine(line, '~'), (Outcome{2, row.out, row.err})) << line;
+    }
   }
+  EXPECT_EQ(cli({}), (Outcome{2, kUsage, ""}));
   EXPECT_EQ(differences(before, treeAt("/var")), "");
 }
 
@@ -111,44 +90,19 @@ TEST_F(WrongArgumentsTouchNothing, HoweverLongTheyAre) {
 class ArgumentsMeanWhatTheySay : public Case {};
 
 TEST_F(ArgumentsMeanWhatTheySay, Names) {
-  const struct {
-    const char* text;
-    bool token;
-    bool filename;
-  } rows[] = {
-      {"a", true, false},
-      {"com.burbn.instagram", true, false},
-      {"com.example.", true, false},
-      {"-", true, false},
-      {"___", true, false},
-      {"A-Z_0.9", true, false},
-      {"x.morvane", true, true},
-      {"a.b-c_D.morvane", true, true},
-      {".morvane", false, false},
-      {"a..b.morvane", false, false},
-      {"a.MORVANE", true, false},
-      {"xmorvane", true, false},
-      {"x.morvane.", true, false},
-      {"x.morvane2", true, false},
-      {"", false, false},
-      {".", false, false},
-      {"..", false, false},
-      {"a..b", false, false},
-      {".hidden", false, false},
-      {"a b", false, false},
-      {"a\n", false, false},
-      {"x.morvane\n", false, false},
-      {"a/b", false, false},
-      {"a\x01", false, false},
-      {"ä", false, false},
-      {"a\xcc\x81", false, false},
-      {"\xc3", false, false},
-      {"x!.morvane", false, false},
+  const auto check = [](bool token, bool filename, const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) {
+      EXPECT_EQ(isValidToken(text), token) << text;
+      EXPECT_EQ(isValidBackupFilename(text), filename) << text;
+    }
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(isValidToken(row.text), row.token) << row.text;
-    EXPECT_EQ(isValidBackupFilename(row.text), row.filename) << row.text;
-  }
+  check(true, true, {"x.morvane", "a.b-c_D.morvane", "-.morvane"});
+  check(true, false,
+        {"a", "com.burbn.instagram", "com.example.", "-", "___", "A-Z_0.9", "a.MORVANE", "xmorvane",
+         "x.morvane.", "x.morvane2"});
+  check(false, false,
+        {"", ".", "..", "a..b", ".hidden", ".morvane", "a..b.morvane", "a b", "a\n", "x.morvane\n",
+         "a/b", "a\x01", "ä", "a\u0301", "\xc3", "x!.morvane"});
 }
 
 TEST_F(ArgumentsMeanWhatTheySay, MatchesRegexWantsTheLeftmostMatchToCoverEverything) {
@@ -184,9 +138,7 @@ TEST_F(ArgumentsMeanWhatTheySay, Flags) {
       {"sys=0,sys=1,sys", 1, -1, -1, -1},
       {"sys=0,sys=1=1", 0, -1, -1, -1},
       {"SYS=0,receipt=01,appdata=1 1", -1, 0, 0, -1},
-      {"\tsys\u3000=\u00a01\u2003,receipt=\xef\xbb\xbf"
-       "1",
-       1, -1, 0, -1},
+      {"\tsys\u3000=\u00a01\u2003,receipt=\ufeff1", 1, -1, 0, -1},
       {"sys=1\n,appdata\n=0,receipt=\r1", 0, -1, 0, -1},
       {"sys=2,receipt=yes,appdata=１", 0, 0, 0, -1},
       {",,,sys=1,,", 1, -1, -1, -1},

@@ -17,6 +17,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 README = ROOT / "README.md"
+PHONE = "build/my-phone"
 BLOCK = re.compile(r"^```console\n(.*?)^```$", re.M | re.S)
 
 
@@ -31,7 +32,7 @@ class Step:
 
     @property
     def makes_phone(self):
-        return self.command.startswith("build/morvane_phone new ")
+        return self.command == f"build/morvane_phone new {PHONE}"
 
 
 def steps(text):
@@ -49,7 +50,7 @@ def run(step, folder):
     """The output of a command, both streams as they come."""
     command = step.command
     if step.prompt == "#":
-        command = ["build/morvane_phone", "run", "phone", "--", "sh", "-c", command]
+        command = ["build/morvane_phone", "run", PHONE, "--", "sh", "-c", command]
     else:
         command = ["sh", "-c", command]
     done = subprocess.run(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -65,14 +66,23 @@ def matches(shown, got):
     return re.fullmatch(pattern, "".join(line + "\n" for line in got)) is not None
 
 
+def lay_out(folder):
+    """Makes the folder look like a clone in which `make` has run."""
+    for entry in ROOT.iterdir():
+        if entry.name != "build":
+            os.symlink(entry, f"{folder}/{entry.name}")
+    os.mkdir(f"{folder}/build")
+    for name in ("morvane_cli", "morvane_phone"):
+        os.symlink(ROOT / "build" / name, f"{folder}/build/{name}")
+
+
 def each_output(text):
     """Runs the page: (step, its output). Building is what has happened before."""
     todo = [step for step in steps(text) if not step.command.startswith("make")]
     first = {step.block for step in todo if step.makes_phone}
     todo.sort(key=lambda step: step.block not in first)
     with tempfile.TemporaryDirectory() as folder:
-        for name in ("build", "examples"):
-            os.symlink(ROOT / name, f"{folder}/{name}")
+        lay_out(folder)
         for step in todo:
             yield step, run(step, folder)
 

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -26,17 +25,8 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-class TreesBeyondLimits : public Case {
+class TreesBeyondLimits : public CaseInMemory {
  protected:
-  void SetUp() override {
-    Case::SetUp();
-    ASSERT_EQ(::mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
-  }
-  void TearDown() override {
-    ::umount2("/var", MNT_DETACH);
-    Case::TearDown();
-  }
-
   /// A run of the tool with 64 descriptors and a stack of 256 KiB.
   static void expectOk(const std::vector<std::string>& arguments) {
     const Outcome outcome = cli(arguments, {.inChild =

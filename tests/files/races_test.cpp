@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -164,17 +163,11 @@ void restore() {
   copyTreeReplacing(at("/var/backup"), at(kTree), tally);
 }
 
-class WhileAnAppSwapsItsFiles : public Case {
+class WhileAnAppSwapsItsFiles : public CaseInMemory {
  protected:
   void SetUp() override {
-    Case::SetUp();
-    // Thousands of small trees are made and removed here: in memory, a disk would only slow that.
-    ASSERT_EQ(::mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
+    CaseInMemory::SetUp();
     if (!ownershipIsFree()) SKIP_OR_FAIL("only root can act for another user");
-  }
-  void TearDown() override {
-    ::umount2("/var", MNT_DETACH);
-    Case::TearDown();
   }
   static void expectHarmless(const std::function<void()>& body) {
     for (Attack attack :
@@ -233,6 +226,24 @@ TEST_F(WhileAnAppSwapsItsFiles, WhateverTheKindAFileOrFolderGoes) {
       EXPECT_FALSE(exists(kTree + name)) << name << " at call " << call;
     }
   }
+}
+
+TEST_F(WhileAnAppSwapsItsFiles, AFolderPutInTheWayOfARestoreGetsNothing) {
+  rebuild();
+  bool made = false;
+  bool planted = false;
+  StoppedRuns(restore).run([&](const Stop& stop) {
+    if (stop.path != kTree + "/a") return;
+    if (stop.call == SYS_openat && made && !planted) {
+      moveAside(stop.path);
+      put(stop.path + "/planted");
+      ASSERT_EQ(::lchown(stop.path.c_str(), 501, 501), 0);
+      planted = true;
+    }
+    made = made || stop.call == SYS_mkdirat;
+  });
+  EXPECT_TRUE(planted);
+  EXPECT_EQ(namesIn(kTree + "/a"), std::vector<std::string>{"planted"});
 }
 
 /// A chain of folders, deeper than are held open, each with a file in it and after it.

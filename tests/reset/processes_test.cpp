@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <functional>
 
 #include "support/case.h"
 #include "support/command.h"
@@ -14,50 +14,52 @@
 namespace morvane::test {
 namespace {
 
-class TheRightProcessesDie : public Case {};
+using Names = std::vector<std::string>;
+constexpr NameMatch kWhole = NameMatch::whole;
+constexpr NameMatch kPart = NameMatch::containing;
+
+class TheRightProcessesDie : public Case {
+ protected:
+  /// Runs `action` among processes of these names, and sees who is left.
+  static void expectDeaths(const Names& die, const Names& live, const std::string& what,
+                           const std::function<void()>& action) {
+    const std::vector<Bystander> dying(die.begin(), die.end());
+    const std::vector<Bystander> living(live.begin(), live.end());
+    action();
+    for (size_t i = 0; i < die.size(); ++i)
+      EXPECT_FALSE(dying[i].alive()) << what << ": " << die[i];
+    for (size_t i = 0; i < live.size(); ++i)
+      EXPECT_TRUE(living[i].alive()) << what << ": " << live[i];
+  }
+};
 
 TEST_F(TheRightProcessesDie, ByWholeNameOrPart) {
   const struct {
     const char* needle;
     NameMatch match;
-    std::vector<const char*> die;
-    std::vector<const char*> live;
+    Names die, live;
   } rows[] = {
-      {"instagram",
-       NameMatch::whole,
-       {"Instagram", "INSTAGRAM", "instagram"},
-       {"instagramX", "nstagram", "insta"}},
-      {"", NameMatch::whole, {}, {"instagram"}},
-      {"", NameMatch::containing, {}, {"instagram"}},
+      {"instagram", kWhole, {"Instagram", "INSTAGRAM"}, {"instagramX", "nstagram", "insta"}},
+      {"", kWhole, {}, {"instagram"}},
+      {"", kPart, {}, {"instagram"}},
       {"SafariViewService",
-       NameMatch::whole,
+       kWhole,
        {"SafariViewServic", "safariviewSERVICExyz"},
        {"SafariViewServi", "SafariViewServiX"}},
-      // Two executables whose names the kernel cuts alike: the sixteenth character tells.
+      // Names that the kernel cuts alike: the sixteenth character tells.
       {"com.burbn.instagram",
-       NameMatch::whole,
+       kWhole,
        {"com.burbn.instag", "COM.BURBN.INSTAGXYZ"},
        {"com.burbn.insta", "com.burbn.instaX"}},
-      {"Safari",
-       NameMatch::containing,
-       {"MobileSafari", "SafariViewService", "xsAFARIx"},
-       {"Safar", "Safax"}},
-      {"viewServic", NameMatch::containing, {"SafariViewService"}, {"ViewServi"}},
-      {"Service", NameMatch::containing, {}, {"SafariViewService"}},  // beyond the 16 that count
-      {"ÉA", NameMatch::containing, {"ÉAb"}, {"éab"}},                // only ASCII letters fold
-      {"a.b*", NameMatch::whole, {"a.b*"}, {"a.bc", "aXb*"}},
-      {"with blank) S 1", NameMatch::whole, {"with blank) S 1"}, {"with blank"}},
+      {"Safari", kPart, {"MobileSafari", "SafariViewService", "xsAFARIx"}, {"Safar", "Safax"}},
+      {"viewServic", kPart, {"SafariViewService"}, {"ViewServi"}},
+      {"Service", kPart, {}, {"SafariViewService"}},  // beyond the 16 that count
+      {"ÉA", kPart, {"ÉAb"}, {"éab"}},                // only ASCII letters fold
+      {"a.b*", kWhole, {"a.b*"}, {"a.bc", "aXb*"}},
+      {"with blank) S 1", kWhole, {"with blank) S 1"}, {"with blank"}},
   };
   for (const auto& row : rows) {
-    std::vector<Bystander> dying(row.die.begin(), row.die.end());
-    std::vector<Bystander> living(row.live.begin(), row.live.end());
-    killProcs(row.needle, row.match);
-    for (size_t i = 0; i < dying.size(); ++i) {
-      EXPECT_FALSE(dying[i].alive()) << row.needle << " leaves " << row.die[i];
-    }
-    for (size_t i = 0; i < living.size(); ++i) {
-      EXPECT_TRUE(living[i].alive()) << row.needle << " takes " << row.live[i];
-    }
+    expectDeaths(row.die, row.live, row.needle, [&] { killProcs(row.needle, row.match); });
   }
 }
 
@@ -83,36 +85,26 @@ TEST_F(TheRightProcessesDie, ByTheExecutableNameOfABundle) {
 
 TEST_F(TheRightProcessesDie, InEachModeOfAReset) {
   const struct {
-    std::vector<std::string> arguments;
-    std::vector<const char*> die;
-    std::vector<const char*> live;
+    const char* reset;
+    Names die, live;
   } rows[] = {
-      {{"com.burbn.instagram", "kill"},
+      {"com.burbn.instagram kill",
        {"Instagram", "com.burbn.instagram", "securityd", "secd"},
        {"MobileSafari", "InstagramX"}},
-      {{"com.burbn.instagram", "clear"}, {"securityd", "secd"}, {"Instagram"}},
-      {{"com.unknown.thing", "kill"}, {"thing"}, {"securityd", "secd", "com.unknown"}},
-      {{"com.unknown.thing.", "kill"}, {}, {"thing", "secd"}},
-      {{"com.apple.mobilesafari", "kill", "sys=0"},
-       {"mobilesafari", "MobileSafari", "SafariViewService", "XsafariX"},
+      {"com.burbn.instagram clear", {"securityd", "secd"}, {"Instagram"}},
+      {"com.unknown.thing kill", {"thing"}, {"securityd", "secd", "com.unknown"}},
+      {"com.unknown.thing. kill", {}, {"thing", "secd"}},
+      {"com.apple.mobilesafari kill sys=0",
+       {"mobilesafari", "SafariViewService", "XsafariX"},
        {"securityd", "secd"}},
-      {{"com.apple.mobilesafari", "clear"},
+      {"com.apple.mobilesafari clear",
        {"MobileSafari", "SafariViewService"},
        {"XsafariX", "securityd"}},
-      {{"com.apple.mobilesafari", "clear", "sys=0"}, {}, {"MobileSafari", "SafariViewService"}},
+      {"com.apple.mobilesafari clear sys=0", {}, {"MobileSafari", "SafariViewService"}},
   };
   for (const auto& row : rows) {
-    std::vector<Bystander> dying(row.die.begin(), row.die.end());
-    std::vector<Bystander> living(row.live.begin(), row.live.end());
-    std::vector<std::string> arguments = row.arguments;
-    arguments.insert(arguments.begin(), "reset");
-    const Outcome outcome = cli(arguments);
-    const std::string what = ::testing::PrintToString(arguments);
-    EXPECT_NE(outcome.status, 2) << what;
-    for (size_t i = 0; i < dying.size(); ++i)
-      EXPECT_FALSE(dying[i].alive()) << what << row.die[i];
-    for (size_t i = 0; i < living.size(); ++i)
-      EXPECT_TRUE(living[i].alive()) << what << row.live[i];
+    expectDeaths(row.die, row.live, row.reset,
+                 [&] { EXPECT_NE(cliLine(std::string("reset ") + row.reset).status, 2); });
   }
 }
 

@@ -94,78 +94,45 @@ TEST_F(FreshInstall, KeepsWhatTheFlagsProtect) {
 
 TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
   const struct {
-    const char* what;
-    std::function<void()> make;
-    std::vector<std::string> arguments;
+    std::string there;  // in the app's container, in its group, or in the library
+    const char* reset;
     bool found;
   } rows[] = {
-      {"nothing", [] {}, {"com.a", "clear", "receipt=1"}, false},
-      {"a container", [] { putApp("a", "com.a"); }, {"com.a", "clear", "sys=0"}, true},
-      {"a container that is not to be touched",
-       [] { putApp("a", "com.a"); },
-       {"com.a", "clear", "appdata=0,receipt=1"},
-       false},
-      {"snapshots alone",
-       [] { put(putApp("a", "com.a") + "/Library/SplashBoard/Snapshots/x"); },
-       {"com.a", "kill", "appdata=0,sys=0"},
-       false},
-      {"a group", [] { putGroup("g", "group.com.a."); }, {"com.a", "clear", "sys=0"}, true},
-      {"a group that is not to be touched",
-       [] { putGroup("g", "group.com.a."); },
-       {"com.a", "clear", "appdata=0"},
-       false},
-      {"a receipt",
-       [] { put(putApp("a", "com.a") + "/StoreKit/sandboxReceipt"); },
-       {"com.a", "clear", "appdata=0,sys=0,receipt=1"},
-       true},
-      {"a cookie", [] { put(kLib + "Cookies/com.a.binarycookies"); }, {"com.a", "clear"}, true},
-      {"a dangling trace",
-       [] { putLink(kLib + "Caches/com.a", "/nowhere"); },
-       {"com.a", "clear"},
-       false},
-      {"a notification",
-       [] { put(kLib + "BulletinBoard/x/com.a.plist"); },
-       {"com.a", "clear"},
-       true},
-      {"another's notification",
-       [] { put(kLib + "BulletinBoard/com.ab.plist"); },
-       {"com.a", "clear"},
-       false},
-      {"Safari without databases",
-       [] {
-         put(kLib + "Safari/Bookmarks.plist");
-         put(kLib + "WebKit/WebsiteData/x");
-       },
-       {"com.apple.mobilesafari", "clear"},
-       false},
-      {"a database of Safari",
-       [] { put(kLib + "Safari/Bookmarks.db-wal"); },
-       {"com.apple.mobilesafari", "clear"},
-       true},
-      {"a dangling database of Safari",
-       [] { putLink(kLib + "Safari/x.db", "/nowhere"); },
-       {"com.apple.mobilesafari", "clear"},
-       true},
-      {"the shared cookies",
-       [] { put(kLib + "Cookies/Cookies.binarycookies"); },
-       {"com.apple.mobilesafari", "clear"},
-       true},
-      {"Safari's databases for another app",
-       [] { put(kLib + "Safari/Bookmarks.db"); },
-       {"com.apple.mobilesafar", "clear"},
-       false},
+      {"nothing", "com.a clear receipt=1", false},
+      {"app/", "com.a clear sys=0", true},
+      {"app/", "com.a clear appdata=0,receipt=1", false},
+      {"app/Library/SplashBoard/Snapshots/x", "com.a kill appdata=0,sys=0", false},
+      {"app/StoreKit/sandboxReceipt", "com.a clear appdata=0,sys=0,receipt=1", true},
+      {"app/StoreKit/sandboxReceipt", "com.a clear appdata=0,sys=0", false},
+      {"group/", "com.a clear sys=0", true},
+      {"group/", "com.a clear appdata=0", false},
+      {"Cookies/com.a.binarycookies", "com.a clear", true},
+      {"Caches/com.a ->", "com.a clear", false},
+      {"BulletinBoard/x/com.a.plist", "com.a clear", true},
+      {"BulletinBoard/com.ab.plist", "com.a clear", false},
+      {"Safari/Bookmarks.plist", "com.apple.mobilesafari clear", false},
+      {"WebKit/WebsiteData/x", "com.apple.mobilesafari clear", false},
+      {"Safari/Bookmarks.db-wal", "com.apple.mobilesafari clear", true},
+      {"Safari/dangling.db ->", "com.apple.mobilesafari clear", true},
+      {"Cookies/Cookies.binarycookies", "com.apple.mobilesafari clear", true},
+      {"Safari/Bookmarks.db", "com.apple.mobilesafar clear", false},
   };
   for (const auto& row : rows) {
     runCommand({"sh", "-c", "rm -rf /var/mobile/*"});
-    row.make();
-    std::vector<std::string> arguments = row.arguments;
-    arguments.insert(arguments.begin(), "reset");
-    const std::string line = row.found
-                                 ? "RESET_OK " + row.arguments[0] + "\n"
-                                 : "RESET_FAIL " + row.arguments[0] + ": nothing found to reset\n";
-    const Outcome outcome = cli(arguments);
-    EXPECT_EQ(outcome.out, line) << row.what;
-    EXPECT_EQ(outcome.status, row.found ? 0 : 1) << row.what;
+    if (row.there.starts_with("app/")) {
+      put(putApp("a", "com.a") + row.there.substr(3) + "/x");
+    } else if (row.there.starts_with("group/")) {
+      putGroup("g", "group.com.a.");
+    } else if (row.there.ends_with(" ->")) {
+      putLink(kLib + row.there.substr(0, row.there.size() - 3), "/nowhere");
+    } else {
+      put(kLib + row.there);
+    }
+    const Outcome outcome = cliLine(std::string("reset ") + row.reset);
+    const std::string what = row.there + ": reset " + row.reset;
+    EXPECT_EQ(outcome.out.starts_with("RESET_OK "), row.found) << what;
+    EXPECT_EQ(outcome.out.ends_with(": nothing found to reset\n"), !row.found) << what;
+    EXPECT_EQ(outcome.status, row.found ? 0 : 1) << what;
   }
 }
 
@@ -229,19 +196,16 @@ TEST_F(FreshInstall, OfSafariTakesItsDatabasesAndAllWebData) {
 }
 
 TEST_F(FreshInstall, WaitsForTheAppToEndExactlyWhereItMust) {
-  const struct {
-    std::vector<std::string> arguments;
-    double seconds;
-  } rows[] = {{{"reset", "com.a", "clear"}, 0},
-              {{"reset", "com.a", "kill"}, 1},
-              {{"reset", "com.apple.mobilesafari", "clear"}, 1},
-              {{"reset", "com.apple.mobilesafari", "kill"}, 2}};
-  for (const auto& row : rows) {
+  const std::pair<const char*, double> rows[] = {{"reset com.a clear", 0},
+                                                 {"reset com.a kill", 1},
+                                                 {"reset com.apple.mobilesafari clear", 1},
+                                                 {"reset com.apple.mobilesafari kill", 2}};
+  for (const auto& [line, seconds] : rows) {
     const auto start = std::chrono::steady_clock::now();
-    cli(row.arguments);
+    cliLine(line);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took.count(), row.seconds);
-    EXPECT_LT(took.count(), row.seconds + 0.9);
+    EXPECT_GE(took.count(), seconds) << line;
+    EXPECT_LT(took.count(), seconds + 0.95) << line;
   }
 }
 

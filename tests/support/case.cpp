@@ -78,6 +78,16 @@ void mountMemory(const std::string& path, const std::string& size) {
   ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()), 0);
 }
 
+void CaseInMemory::SetUp() {
+  Case::SetUp();
+  ASSERT_EQ(::mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
+}
+
+void CaseInMemory::TearDown() {
+  ::umount2("/var", MNT_DETACH);
+  Case::TearDown();
+}
+
 bool ownershipIsFree() {
   const std::string probe = caseFolder() + "/owner-probe";
   std::filesystem::create_directory(probe);

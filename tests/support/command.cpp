@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "support/case.h"
+#include "text/pieces.h"
 
 namespace morvane::test {
 namespace {
@@ -110,6 +111,13 @@ Outcome runCommand(const std::vector<std::string>& words, const RunOptions& opti
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
   arguments.insert(arguments.begin(), MORVANE_CLI);
   return runCommand(arguments, options);
+}
+
+Outcome cliLine(std::string_view line, char separator) {
+  std::vector<std::string> words;
+  for (const std::string_view word : splitAt(line, separator))
+    words.emplace_back(word);
+  return cli(words);
 }
 
 Bystander::Bystander(const std::string& name) {

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace morvane::test {
@@ -32,6 +33,9 @@ Outcome runCommand(const std::vector<std::string>& words, const RunOptions& opti
 
 /// Runs the built morvane_cli with `arguments`.
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options = {});
+
+/// Likewise, its arguments being the pieces of `line` between the separators, empty ones included.
+Outcome cliLine(std::string_view line, char separator = ' ');
 
 /// A process called `name` that sleeps until someone kills it.
 class Bystander {
