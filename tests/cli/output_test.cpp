@@ -139,18 +139,6 @@ TEST_F(ControllersReadTheOutcome, EvenWhenNobodyListensTheWorkIsTheSame) {
   }
 }
 
-TEST_F(ControllersReadTheOutcome, EvenWhenTheProcessMayNotWriteLargeFiles) {
-  put(putApp("app", "com.a") + "/Documents/large", std::string(8192, 'x'));
-  const RunOptions limited{.inChild = [] {
-    const rlimit size{4096, 4096};
-    ::setrlimit(RLIMIT_FSIZE, &size);
-  }};
-  EXPECT_EQ(cli({"backup", "com.a", "b"}, limited),
-            (Outcome{0, "BACKUP_OK b.morvane\n",
-                     "[morvane_cli] container backed up: com.a\n"
-                     "[morvane_cli] copy incomplete for com.a: 1 file/dir could not be copied\n"}));
-}
-
 TEST_F(ControllersReadTheOutcome, EvenWhenTheProcessHasFewDescriptorsAndAStrangeUmask) {
   const std::string app = putApp("app", "com.a");
   const RunOptions poor{.inChild = [] {

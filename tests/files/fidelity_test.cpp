@@ -9,7 +9,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <random>
 
@@ -213,7 +212,6 @@ TEST_F(CopiesAreFaithful, OrAbsentAndCounted) {
     put(app + name, std::string(300000, 'b'));
   ASSERT_EQ(cli({"backup", "com.a", "big"}).status, 0);
   const RunOptions smallFiles{.inChild = [] {
-    std::signal(SIGXFSZ, SIG_IGN);
     const rlimit size{200000, 200000};
     ::setrlimit(RLIMIT_FSIZE, &size);
   }};
