@@ -29,6 +29,8 @@ bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
       if (errno != ENOENT) tally.note({errno, platform::CopySide::source});
       continue;
     }
+    // What the app has now is not given up for what cannot be read.
+    if (!openFolderTrustingAt(appFd, folder) && tally.noteUnopened(errno)) continue;
     const std::string target = container + "/" + folder;
     wipeDirContents(target);
     copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally, copyProgress());

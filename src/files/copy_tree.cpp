@@ -180,6 +180,12 @@ void CopyTally::noteFatal(int error) {
   if (fatalError == 0) fatalError = error;
 }
 
+bool CopyTally::noteUnopened(int error) {
+  if (error == ENOENT || error == ENOTDIR || error == ELOOP) return false;
+  note({error, CopySide::source});
+  return true;
+}
+
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally) {
   Copier copier(dst, options, tally);
   TreeWalk walk(copier, platform::ReadUpTo::end);

@@ -39,6 +39,9 @@ struct CopyTally {
 
   void note(const platform::CopyOutcome& outcome);
   void noteFatal(int error);
+  /// Takes the errno with which opening the folder to be copied failed. That it is not there, or is
+  /// no folder, is nothing to note: false then.
+  bool noteUnopened(int error);
 };
 
 /// What a copy does where an entry of the source exists in the destination already. A folder that

@@ -56,6 +56,7 @@ UniqueFd openStepByStep(int dirFd, std::string path, int lastFlags) {
     at = current.get();
   };
   if (path.starts_with('/')) moveTo(UniqueFd(open("/", kFolderFlags)));
+  if (at == -1) return {};
   for (int links = 0; links <= kMaxLinks;) {
     std::string name = takeComponent(path);
     if (name.empty()) name = ".";
@@ -72,6 +73,7 @@ UniqueFd openStepByStep(int dirFd, std::string path, int lastFlags) {
     if (!text) return errno = isLinkAt(at, name.c_str()) ? ELOOP : ENOTDIR, UniqueFd();
     path.insert(0, *text);
     if (path.starts_with('/')) moveTo(UniqueFd(open("/", kFolderFlags)));
+    if (at == -1) return {};
     ++links;
   }
   errno = ELOOP;

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "backup/restore.h"
 #include "support/case.h"
 #include "support/command.h"
+#include "support/stops.h"
 #include "support/tree.h"
 
 namespace morvane::test {
@@ -157,6 +160,21 @@ TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
   EXPECT_EQ(cli({"backup", "com.a", "daily"}).status, 0);
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.a");
   EXPECT_TRUE(exists(app + "/Documents/second")) << "the link was followed";
+}
+
+TEST_F(BackupsAndRestores, NothingIsEmptiedForABackupThatCannotBeRead) {
+  if (!stopsCanChangeCalls()) SKIP_OR_FAIL("calls cannot be made to fail here");
+  const std::string app = putApp("app", "com.a");
+  ASSERT_EQ(cli({"backup", "com.a", "daily"}).status, 0);
+  put(app + "/Documents/later", "x");
+  put(app + "/Library/later", "x");
+  const int status = StoppedRuns([] { doRestore("daily.morvane"); }).run([](const Stop& stop) {
+    const bool opens = stop.call == SYS_openat || stop.call == SYS_openat2;
+    if (opens && stop.path == kDaily + "/com.a/Documents") stop.refuse(EIO);
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(contentOf(app + "/Documents/later"), "x");
+  EXPECT_FALSE(exists(app + "/Library/later")) << "the other folder was not restored";
 }
 
 TEST_F(BackupsAndRestores, AFullStoreKeepsTheOlderBackup) {
