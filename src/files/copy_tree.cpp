@@ -56,8 +56,8 @@ class Copier : public TreeVisitor {
 
   Descend enteredFolder(const char* name, int fd) override {
     struct stat status;  // before the folder is read, which is an access that its times tell
-    CopyOutcome made = inStep() ? makeFolder(name) : CopyOutcome{ESTALE, CopySide::source};
-    if (made.ok() && fstat(fd, &status) != 0) made = sourceFailure();
+    CopyOutcome made{ESTALE, CopySide::source};
+    if (inStep()) made = fstat(fd, &status) == 0 ? makeFolder(name) : sourceFailure();
     tally_.note(made);
     if (!made.ok()) return Descend::no;
     statuses_.push_back(status);

@@ -24,6 +24,9 @@ class UniqueFd {
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] explicit operator bool() const { return fd_ != -1; }
 
+  /// Gives the descriptor up to the caller.
+  [[nodiscard]] int release() { return std::exchange(fd_, -1); }
+
   void reset(int fd = -1) {
     if (fd_ != -1) {
       const int saved = errno;

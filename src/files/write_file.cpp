@@ -30,9 +30,11 @@ int writeAll(int fd, std::string_view content) {
 
 int writeNewFileAt(int dirFd, const char* name, std::string_view content) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const UniqueFd file(openat(dirFd, name, kFlags, kFileMode));
+  UniqueFd file(openat(dirFd, name, kFlags, kFileMode));
   if (!file) return errno;
-  return writeAll(file.get(), content);
+  const int error = writeAll(file.get(), content);
+  if (error != 0) return error;
+  return close(file.release()) == 0 ? 0 : errno;  // some file systems write only now
 }
 
 }  // namespace

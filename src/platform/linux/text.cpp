@@ -8,6 +8,7 @@
 #include <unicode/utf8.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,13 @@ namespace {
 constexpr UChar32 kByteEscape = 0xDC00;  // a lone surrogate for each byte that is not UTF-8
 
 enum class BadBytes { escape, refuse };
+
+/// ICU reports a want of memory as an error of its own; here it ends the process, as it does
+/// anywhere else.
+void endIfOutOfMemory(UErrorCode error) {
+  if (error != U_MEMORY_ALLOCATION_ERROR) return;
+  if (const std::new_handler handler = std::get_new_handler()) handler();
+}
 
 /// The character at `at`, which moves behind it; negative, and one byte further, where none is.
 UChar32 nextUtf8(const uint8_t* bytes, int32_t length, int32_t& at) {
@@ -57,6 +65,7 @@ std::u16string decomposed(const std::u16string& text) {
   const int32_t length =
       unorm2_normalize(normalizer, text.data(), static_cast<int32_t>(text.size()), result.data(),
                        static_cast<int32_t>(result.size()), &error);
+  endIfOutOfMemory(error);
   if (U_FAILURE(error)) return text;
   result.resize(static_cast<size_t>(length));
   return result;
@@ -155,6 +164,7 @@ FirstMatch findFirstMatch(std::string_view text, std::string_view pattern) {
   const bool found = uregex_find(regex.get(), 0, &error) != 0;
   const int32_t start = uregex_start(regex.get(), 0, &error);
   const int32_t end = uregex_end(regex.get(), 0, &error);
+  endIfOutOfMemory(error);
   if (U_SUCCESS(error) && found) {
     result.range = {static_cast<size_t>(start), static_cast<size_t>(end - start)};
   }
