@@ -69,7 +69,10 @@ void backUpApp(const std::string& bundleId, int stagingFd, BackupRun& run) {
 std::string publish(Staging& staging, const BackupRun& run) {
   // Without a staging folder every copy fails; its own reason is the one to tell.
   if (staging.setupError()) return staging.setupError().text();
-  if (run.fatalError != 0) return StoreError{"copy", run.fatalError}.text();
+  if (run.fatalError != 0) {
+    staging.discard();  // no backup will be made of it, and it takes the room of the next attempt
+    return StoreError{"copy", run.fatalError}.text();
+  }
   return staging.publish(run.backedUp);
 }
 

@@ -72,7 +72,10 @@ void Staging::discard() {
 }
 
 std::string Staging::publish(const std::vector<std::string>& bundleIds) {
-  if (const StoreError error = prepare(bundleIds)) return error.text();
+  if (const StoreError error = prepare(bundleIds)) {
+    discard();  // no backup will be made of it, and it takes the room of the next attempt
+    return error.text();
+  }
   if (const int error = exchangeWithFinal(); error != 0) {
     return StoreError{finalName_, error}.text();
   }
