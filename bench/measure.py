@@ -19,7 +19,9 @@ FOLDER = os.path.abspath(sys.argv[1])
 QUICK = "--quick" in sys.argv
 CLI = os.path.join(FOLDER, "morvane_cli")
 TOOL = os.path.join(FOLDER, "morvane_bench")
-DEADLINE = time.monotonic() + 500
+DEADLINE = time.monotonic() + 420  # by then the last and largest trees are begun
+PATIENCE = 45  # seconds for one comparison
+LEAST_ROUNDS = 5
 
 APP = "com.bench.app"
 DATA = "/var/mobile/Containers/Data/Application"
@@ -121,10 +123,15 @@ class Side:
 
 
 def in_turns(title, rounds, sides):
-    """Runs all sides `rounds` times and keeps the ratios of the first side to the others."""
+    """Runs all sides `rounds` times, or on a slow machine less often, and keeps the ratios of the
+    first side to the others."""
     note(title)
     runs = {side.name: [] for side in sides}
+    started = time.monotonic()
     for number in range(rounds):
+        if number >= LEAST_ROUNDS and time.monotonic() - started > PATIENCE:
+            rounds = number
+            break
         shift = number % len(sides)
         for side in sides[shift:] + sides[:shift]:
             runs[side.name].append(side.run())
@@ -212,7 +219,7 @@ def compare_large_files():
     blocks = os.stat(f"{kept}/sparse").st_blocks / os.stat(f"{TREE}/sparse").st_blocks
     goal("room of a sparse file's copy / its own", blocks, 1.0)
     ratios = in_turns("Two files of 256 MiB and a sparse one", 9, sides)
-    goal("large files / cp -a", ratios["cp -a"], 1.0)
+    goal("large files / cp -a", ratios["cp -a"], 1.05)  # both let the kernel do it: equal, but for chance
 
 
 def compare_wipes():
@@ -338,7 +345,7 @@ def grow():
         note(f"{size} entries")
         runs = {"backup": [], "cp -a": [], "reset": [], "rm -rf": []}
         started = time.monotonic()
-        most = 1 if QUICK else 5 if size < 1000000 else 2
+        most = 1 if QUICK else 2 if size == sizes[-1] else 7
         while len(runs["backup"]) < most:
             new_phone()
             make_tree(TREE, size * 9 // 10, size // 10, 25)
@@ -347,8 +354,9 @@ def grow():
             for pair in (one, other):
                 for name, words in pair if len(runs["backup"]) % 2 == 0 else pair[::-1]:
                     runs[name].append(timed(words))
-            took = (time.monotonic() - started) / len(runs["reset"])
-            if time.monotonic() + took > DEADLINE:
+            now = time.monotonic()
+            took = (now - started) / len(runs["reset"])
+            if now + took > DEADLINE or (size < sizes[-1] and now - started + took > PATIENCE):
                 break
         row = {"size": size, "rounds": len(runs["reset"])}
         for name, values in runs.items():

@@ -221,7 +221,8 @@ CopyOutcome copyAttributes(const AttributeHolder& from, const AttributeHolder& t
       if (errno != ENODATA && outcome.ok()) outcome = fromSource();
     } else if (to.set(name, value.data(), value.size()) != 0 && outcome.ok()) {
       outcome = fromDestination();
-      // setxattr(2) says so of an attribute too large for its place, and then says it of that alone.
+      // setxattr(2) says so of an attribute too large for its place, and then says it of that
+      // alone.
       if (outcome.error == ENOSPC || outcome.error == EDQUOT) outcome.error = E2BIG;
     }
   }
