@@ -307,7 +307,6 @@ TEST_F(WhileFoldersAreMovedAway, ACopyKeepsWhatStayed) {
 }
 
 TEST_F(WhileFoldersAreMovedAway, ACopyWhoseOwnFoldersGoSaysWhatIsMissing) {
-  CopyTally tally;
   const auto body = [] {
     CopyTally counted;
     copyTreeReplacing(at(kTree), at("/var/to"), counted);
