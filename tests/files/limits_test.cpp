@@ -25,8 +25,13 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-class TreesBeyondLimits : public CaseInMemory {
+class TreesBeyondLimits : public Case {
  protected:
+  void SetUp() override {
+    Case::SetUp();
+    mountMemory("/var", "2g");
+  }
+
   /// A run of the tool with 64 descriptors and a stack of 256 KiB.
   static void expectOk(const std::vector<std::string>& arguments) {
     const Outcome outcome = cli(arguments, {.inChild =

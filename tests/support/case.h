@@ -19,14 +19,6 @@ class Case : public ::testing::Test {
 const std::string& workFolder();
 void setWorkFolder(const std::string& path);
 
-/// A case whose /var is in memory, for what makes and removes more than a disk does quickly.
-/// Nothing is left of it after a failure.
-class CaseInMemory : public Case {
- protected:
-  void SetUp() override;
-  void TearDown() override;
-};
-
 /// The folder of the running case. Its subfolder "var" is what stands at /var; beside it there is
 /// room for what must lie outside.
 const std::string& caseFolder();
