@@ -28,12 +28,6 @@ struct BackupRun {
   int fatalError = 0;
 };
 
-/// A kept folder that is not there is nothing to note; one that cannot be looked at is.
-void noteUnopened(int error, CopyTally& tally) {
-  if (error == ENOENT || error == ENOTDIR || error == ELOOP) return;
-  tally.note({error, platform::CopySide::source});
-}
-
 /// Copies the kept folders of one container. False where it has none of them.
 bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& run,
                      CopyTally& tally) {
@@ -42,7 +36,7 @@ bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& r
     const Place source{AT_FDCWD, container + "/" + folder};
     const Place destination{appFd, folder};
     if (!openFolderTrustingAt(source.dirFd, source.path)) {
-      noteUnopened(errno, tally);
+      tally.noteUnopened(errno);
       continue;
     }
     hadData = true;

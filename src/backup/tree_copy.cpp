@@ -48,7 +48,7 @@ void copyTreeFiltered(const Place& source, const Place& destination,
                       const std::vector<std::string>& needles, CopyTally& tally,
                       CopyObserver* observer) {
   Source src;
-  if (!openSource(source, src)) return;
+  if (!openSource(source, src)) return tally.noteUnopened(errno);
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
   if (!dst) return tally.noteFatal(errno);
@@ -61,7 +61,7 @@ void copyTreeFiltered(const Place& source, const Place& destination,
 void copyTreeReplacing(const Place& source, const Place& destination, CopyTally& tally,
                        CopyObserver* observer) {
   Source src;
-  if (!openSource(source, src)) return;
+  if (!openSource(source, src)) return tally.noteUnopened(errno);
   bool isNew = false;
   const UniqueFd dst = openOrMake(destination, isNew);
   if (!dst) return tally.noteFatal(errno);

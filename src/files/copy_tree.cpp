@@ -180,6 +180,11 @@ void CopyTally::noteFatal(int error) {
   if (fatalError == 0) fatalError = error;
 }
 
+void CopyTally::noteUnopened(int error) {
+  if (error == ENOENT || error == ENOTDIR || error == ELOOP) return;
+  note({error, CopySide::source});
+}
+
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally) {
   Copier copier(dst, options, tally);
   TreeWalk walk(copier, platform::ReadUpTo::end);

@@ -39,6 +39,8 @@ struct CopyTally {
 
   void note(const platform::CopyOutcome& outcome);
   void noteFatal(int error);
+  /// Notes that the folder to be copied cannot be opened; nothing where it just is not there.
+  void noteUnopened(int error);
 };
 
 /// What a copy does where an entry of the source exists in the destination already. A folder that
