@@ -3,7 +3,6 @@
 #include "platform/keychain.h"
 
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "fuzz/own_var.h"
+#include "phone/keychain_writer.h"
 #include "reset/keychain_clear.h"
 #include "reset/keychain_groups.h"
 
@@ -47,21 +47,12 @@ extern "C" size_t LLVMFuzzerCustomMutator(unsigned char* data, size_t size, size
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   enterOwnVar();
   mkdir("/var/Keychains", 0700);
-  sqlite3* database = nullptr;
-  sqlite3_open(kFile, &database);
-  const std::string group = std::string("'") + kGroup + "'";
-  const std::string sql =
-      "PRAGMA page_size = 512;"
-      "CREATE TABLE genp(agrp TEXT); CREATE TABLE inet(agrp TEXT);"
-      "CREATE TABLE keys(agrp TEXT, kcls INTEGER, klbl BLOB);"
-      "CREATE TABLE cert(agrp TEXT, pkhh BLOB); INSERT INTO genp VALUES(" +
-      group +
-      ");"
-      "INSERT INTO keys VALUES(" +
-      group + ",1,x'01'); INSERT INTO cert VALUES(" + group + ",x'01')";
-  require(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK,
-          "a keychain");
-  sqlite3_close(database);
+  {
+    morvane::phone::KeychainWriter keychain;
+    require(keychain.open(kFile) && keychain.add("genp", kGroup, "password") &&
+                keychain.add("idnt", kGroup, "identity"),
+            "a keychain can be made");
+  }
   sound().resize(1 << 16);
   const int fd = open(kFile, O_RDONLY | O_CLOEXEC);
   sound().resize(static_cast<size_t>(read(fd, sound().data(), sound().size())));

@@ -24,47 +24,28 @@ namespace {
 
 constexpr size_t kEndless = 200000;  // calls; the runs here take some hundreds
 
-struct Errors {
-  long call;
-  std::vector<int> all;
+struct Failures {
+  std::vector<int> errors;
+  std::vector<long> calls;
 };
-/// What each call can fail with, by its manual page. Not close: it closes all the same, and a call
+/// What calls can fail with, by their manual pages. Not close: it closes all the same, and a call
 /// that is made to fail here is not made.
-const Errors kErrors[] = {
-    {SYS_openat, {ENOSPC, EIO, EDQUOT, EACCES, EMFILE, ENOMEM}},
-    {SYS_openat2, {EIO, EACCES, EMFILE, ENOMEM}},
-    {SYS_mkdirat, {ENOSPC, EIO, EDQUOT, EACCES, ENOMEM}},
-    {SYS_symlinkat, {ENOSPC, EIO, EDQUOT, EACCES, ENOMEM}},
-    {SYS_renameat, {ENOSPC, EIO, EDQUOT, EACCES, ENOMEM}},
-    {SYS_renameat2, {ENOSPC, EIO, EDQUOT, EACCES, ENOMEM}},
-    {SYS_write, {ENOSPC, EIO, EDQUOT}},
-    {SYS_pwrite64, {ENOSPC, EIO, EDQUOT}},
-    {SYS_copy_file_range, {ENOSPC, EIO, EDQUOT, ENOMEM}},
-    {SYS_fsetxattr, {ENOSPC, EIO, EDQUOT}},
-    {SYS_setxattr, {ENOSPC, EIO, EDQUOT}},
-    {SYS_fsync, {ENOSPC, EIO, EDQUOT}},
-    {SYS_fdatasync, {ENOSPC, EIO, EDQUOT}},
-    {SYS_syncfs, {ENOSPC, EIO, EDQUOT}},
-    {SYS_read, {EIO}},
-    {SYS_pread64, {EIO}},
-    {SYS_getdents64, {EIO}},
-    {SYS_ftruncate, {EIO}},
-    {SYS_unlinkat, {EIO, EACCES, ENOMEM}},
-    {SYS_newfstatat, {EIO, EACCES, ENOMEM}},
-    {SYS_readlinkat, {EIO, EACCES, ENOMEM}},
-    {SYS_fchmod, {EIO, EACCES, ENOMEM}},
-    {SYS_fchown, {EIO, EACCES, ENOMEM}},
-    {SYS_fchownat, {EIO, EACCES, ENOMEM}},
-    {SYS_utimensat, {EIO, EACCES, ENOMEM}},
-    {SYS_flistxattr, {EIO, ENOMEM}},
-    {SYS_fgetxattr, {EIO, ENOMEM}},
-    {SYS_listxattr, {EIO, ENOMEM}},
-    {SYS_getxattr, {EIO, ENOMEM}},
-    {SYS_mmap, {ENOMEM}},
-    {SYS_mremap, {ENOMEM}},
-    {SYS_brk, {ENOMEM}},
+const Failures kFailures[] = {
+    {{ENOSPC, EIO, EDQUOT, EACCES, EMFILE, ENOMEM}, {SYS_openat}},
+    {{EIO, EACCES, EMFILE, ENOMEM}, {SYS_openat2}},
+    {{ENOSPC, EIO, EDQUOT, EACCES, ENOMEM},
+     {SYS_mkdirat, SYS_symlinkat, SYS_renameat, SYS_renameat2}},
+    {{ENOSPC, EIO, EDQUOT},
+     {SYS_write, SYS_pwrite64, SYS_copy_file_range, SYS_ftruncate, SYS_fsetxattr, SYS_setxattr,
+      SYS_fsync, SYS_fdatasync, SYS_syncfs}},
+    {{EIO}, {SYS_read, SYS_pread64, SYS_getdents64}},
+    {{EIO, EACCES, ENOMEM},
+     {SYS_unlinkat, SYS_newfstatat, SYS_readlinkat, SYS_fchmod, SYS_fchown, SYS_fchownat,
+      SYS_utimensat}},
+    {{EIO, ENOMEM}, {SYS_flistxattr, SYS_fgetxattr, SYS_listxattr, SYS_getxattr}},
+    {{ENOMEM}, {SYS_mmap, SYS_mremap, SYS_brk}},
 #ifdef __x86_64__
-    {SYS_unlink, {EIO, EACCES, ENOMEM}},
+    {{EIO, EACCES, ENOMEM}, {SYS_unlink}},
 #endif
 };
 
@@ -180,9 +161,11 @@ std::vector<int> possibleErrors(const SystemCall& call) {
   if (call.number == SYS_write && call.arguments[0] <= STDERR_FILENO) return {};
   const bool reads = call.number == SYS_openat && (call.arguments[2] & O_CREAT) == 0;
   const long number = reads ? SYS_openat2 : call.number;
-  const auto* errors = std::find_if(std::begin(kErrors), std::end(kErrors),
-                                    [&](const Errors& entry) { return entry.call == number; });
-  return errors == std::end(kErrors) ? std::vector<int>() : errors->all;
+  for (const Failures& failures : kFailures) {
+    const auto& calls = failures.calls;
+    if (std::find(calls.begin(), calls.end(), number) != calls.end()) return failures.errors;
+  }
+  return {};
 }
 
 size_t firstOwnCall(const TracedRun& run) {

@@ -1,7 +1,6 @@
 #include "reliability/world.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "phone/keychain_writer.h"
 #include "platform/keychain.h"
 #include "support/case.h"
 
@@ -34,24 +34,13 @@ void putSparseFile(const std::string& path) {
   EXPECT_EQ(::truncate(path.c_str(), 300000), 0);
 }
 
-/// The keychain of a phone, as far as the tool asks, as the bytes of its file.
+/// The bytes of a keychain file.
 const std::string& keychainFile() {
   static const std::string bytes = [] {
     const std::string path = caseFolder() + "/keychain";
-    sqlite3* database = nullptr;
-    sqlite3_open(path.c_str(), &database);
-    const std::string group = std::string("'") + kAccessGroup + "'";
-    const std::string sql =
-        "CREATE TABLE genp(agrp TEXT); CREATE TABLE inet(agrp TEXT);"
-        "CREATE TABLE keys(agrp TEXT, kcls INTEGER, klbl BLOB);"
-        "CREATE TABLE cert(agrp TEXT, pkhh BLOB);"
-        "INSERT INTO genp VALUES(" +
-        group +
-        "),('someone else''s');"
-        "INSERT INTO keys VALUES(" +
-        group + ",1,x'01'); INSERT INTO cert VALUES(" + group + ",x'01')";
-    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(database);
+    phone::KeychainWriter keychain;
+    EXPECT_TRUE(keychain.open(path) && keychain.add("genp", kAccessGroup, "password") &&
+                keychain.add("idnt", kAccessGroup, "identity"));
     return contentOf(path);
   }();
   return bytes;
