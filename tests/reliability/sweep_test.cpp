@@ -133,6 +133,28 @@ TEST_P(Sweep, EveryErrorAtEveryCall) {
   figure("failed_" + GetParam().name, runs);
 }
 
+class TwoAtOnce : public Case {};
+
+TEST_F(TwoAtOnce, OneBackupOfTheNameIsWhole) {
+  const Command& backup = commands().front();
+  putWorld();
+  const size_t calls = runTraced(backup.arguments).calls.size();
+  const Tree after = world();
+  for (size_t at = 1; at <= calls; ++at) {
+    putWorld();
+    TracedRun second;
+    const TracedRun first = runTraced(backup.arguments, {}, [&](size_t count, const SystemCall&) {
+      if (count == at) second = runTraced(backup.arguments);
+    });
+    ASSERT_EQ(second.outcome.out, backup.okLine) << second.outcome;
+    ASSERT_EQ(first.outcome.out, backup.okLine) << first.outcome;
+    ASSERT_EQ(differences(after, world()), "") << "a second run at call " << at;
+    for (const std::string& name : namesIn(kStore))
+      ASSERT_FALSE(name.starts_with(".staging")) << name;
+  }
+  figure("second_runs", calls);
+}
+
 INSTANTIATE_TEST_SUITE_P(All, Sweep, ::testing::ValuesIn(commands()),
                          [](const auto& command) { return command.param.name; });
 
