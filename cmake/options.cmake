@@ -19,6 +19,10 @@ if(MORVANE_SANITIZE)
   target_link_options(morvane_options INTERFACE -fsanitize=address,undefined)
 endif()
 
+if(MORVANE_FUZZ)
+  target_compile_options(morvane_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # The product neither throws nor asks for types at run time; the tests' framework does.
 add_library(morvane_product_options INTERFACE)
 target_link_libraries(morvane_product_options INTERFACE morvane_options)

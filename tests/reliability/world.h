@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "reliability/traced_run.h"
+#include "support/tree.h"
+
+namespace morvane::test {
+
+inline constexpr const char* kApp = "com.burbn.instagram";
+inline constexpr const char* kStore = "/var/mobile/MorvaneBackups";
+
+/// A small phone in memory at /var with something of everything that a command touches, and beside
+/// it what none may touch: another app, another backup. Everything has the same old time. Each call
+/// makes it anew.
+void putWorld();
+/// The same, in what stands at /var already.
+void fillWorld();
+
+/// All of /var, or of another folder that was one, in words, times other than the old one as "now",
+/// the keychain by its items. What killed runs leave in staging folders is not in it. Paths are
+/// those in /var.
+Tree world(const std::string& root = "/var");
+
+/// What `tree` holds at and below `path`, by full path.
+Tree below(const Tree& tree, const std::string& path);
+
+/// A command, what of the phone it may change, and how its result line begins.
+struct Command {
+  std::string name;
+  std::vector<std::string> arguments;
+  std::vector<std::string> mayChange;
+  std::string okLine;
+  std::string failLine;
+};
+const std::vector<Command>& commands();
+void PrintTo(const Command& command, std::ostream* stream);  // GoogleTest's name for it
+
+/// What `command` had no business to change between two states of the phone, in words.
+std::string trespasses(const Command& command, const Tree& before, const Tree& after);
+
+/// Prints one of the figures that are published.
+void figure(const std::string& name, size_t value);
+
+}  // namespace morvane::test
