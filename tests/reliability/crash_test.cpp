@@ -44,7 +44,6 @@ class CrashImage : public Case {
   }
 
   void TearDown() override {
-    ::umount2("/var", MNT_DETACH);
     ::umount2(memory_.c_str(), MNT_DETACH);
     Case::TearDown();
   }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <sstream>
 
@@ -70,7 +71,8 @@ std::string withoutNewTimes(const std::string& words) {
 }  // namespace
 
 void putWorld() {
-  ::umount2("/var", MNT_DETACH);
+  // The one before lies on top of the case's own.
+  if (!std::filesystem::equivalent("/var", caseFolder() + "/var")) ::umount2("/var", MNT_DETACH);
   mountMemory("/var");
   fillWorld();
 }
