@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 export JOBS
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench lint fuzz iphone package check-iphone clean help
+.PHONY: build demo test bench lint sweep fuzz iphone package check-iphone clean help
 
 ## build         build/morvane_cli and build/morvane_phone for this machine (the default)
 build:
@@ -31,6 +31,11 @@ bench: build
 lint:
 	@scripts/need build test lint
 	@scripts/lint
+
+## sweep         the tool killed at every system call, failed by every one, and cut off its power
+sweep:
+	@scripts/need build test
+	@scripts/sweep
 
 ## fuzz          each fuzz target for a set time (FUZZ_SECONDS)
 fuzz:

@@ -79,12 +79,14 @@ std::string tornFiles(const Fault& fault, const Tree& before, const Tree& now, c
   const bool removable = fault.error != EIO && fault.error != EACCES && fault.error != ENOMEM;
   if (fault.kind == Fault::Kind::failFromThere && !removable) return "";
   std::string torn;
-  for (const auto& [path, words] : now) {
-    const auto is = [&, at = path](const Tree& tree) {
-      return tree.contains(at) && tree.at(at) == words;
+  for (const auto& entry : now) {
+    const std::string& words = entry.second;
+    const auto isIn = [&](const Tree& tree) {
+      const auto found = tree.find(entry.first);
+      return found != tree.end() && *found == entry;
     };
     const bool file = words.starts_with("file") || words.starts_with("link");
-    if (file && !is(before) && !is(after)) torn += path + " is " + words;
+    if (file && !isIn(before) && !isIn(after)) torn += entry.first + " is " + words;
   }
   return torn;
 }
