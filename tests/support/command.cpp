@@ -1,70 +1,34 @@
 #include "support/command.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <filesystem>
-#include <thread>
-#include <utility>
 
 #include "support/case.h"
+#include "support/tree.h"
 #include "text/pieces.h"
 
 namespace morvane::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int statusFrom(int waitStatus) {
-  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+/// What a command writes one of its streams to: a file in memory, or something that takes nothing.
+int openStream(Ends ends) {
+  if (ends == Ends::open) return ::memfd_create("output", MFD_CLOEXEC);
+  std::array<int, 2> pipe{};
+  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) abort();
+  ::close(pipe[0]);
+  return pipe[1];
 }
 
-std::vector<char*> argumentVector(const std::vector<std::string>& words) {
-  std::vector<char*> result;
-  for (const std::string& word : words)
-    result.push_back(const_cast<char*>(word.c_str()));
-  result.push_back(nullptr);
-  return result;
-}
-
-/// One of the command's output streams, seen from outside.
-struct Drain {
-  std::array<int, 2> pipe{-1, -1};
-  std::string* text = nullptr;
-
-  void prepare(Ends ends, std::string& into) {
-    text = &into;
-    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) abort();
-    if (ends == Ends::brokenPipe) closeEnd(0);
-  }
-  void closeEnd(size_t end) {
-    if (pipe.at(end) != -1) ::close(std::exchange(pipe.at(end), -1));
-  }
-  void read() {
-    std::array<char, 65536> buffer{};
-    const ssize_t got = ::read(pipe[0], buffer.data(), buffer.size());
-    if (got > 0) text->append(buffer.data(), static_cast<size_t>(got));
-    if (got <= 0) closeEnd(0);
-  }
-};
-
-void becomeCommand(const std::vector<std::string>& words, const RunOptions& options, int out,
-                   int err) {
-  const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ::dup2(nothing, 0);
-  ::dup2(out, 1);
-  ::dup2(err, 2);
-  if (options.out == Ends::closed) ::close(1);
-  if (options.err == Ends::closed) ::close(2);
-  if (options.inChild) options.inChild();
-  ::execvp(words[0].c_str(), argumentVector(words).data());
-  ::_exit(127);
+std::string closeStream(int fd) {
+  const std::string text = contentOf("/proc/self/fd/" + std::to_string(fd));
+  ::close(fd);
+  return text;
 }
 
 }  // namespace
@@ -75,37 +39,27 @@ std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
                 << outcome.err << "---";
 }
 
-Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
-  Outcome outcome;
-  std::array<Drain, 2> drains;
-  drains[0].prepare(options.out, outcome.out);
-  drains[1].prepare(options.err, outcome.err);
-  const pid_t pid = ::fork();
-  if (pid == 0) becomeCommand(words, options, drains[0].pipe[1], drains[1].pipe[1]);
-  for (Drain& drain : drains)
-    drain.closeEnd(1);
+void execute(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words)
+    arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  ::execvp(arguments[0], arguments.data());
+  ::_exit(127);
+}
 
-  const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
-  while (drains[0].pipe[0] != -1 || drains[1].pipe[0] != -1) {
-    std::array<pollfd, 2> ends{pollfd{drains[0].pipe[0], POLLIN, 0},
-                               pollfd{drains[1].pipe[0], POLLIN, 0}};
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0 || ::poll(ends.data(), 2, static_cast<int>(left.count())) == 0) {
-      ::kill(pid, SIGKILL);
-      ADD_FAILURE() << "did not end in " << options.timeoutSeconds << " s: " << words[0];
-      break;
-    }
-    for (size_t i = 0; i < 2; ++i) {
-      if (ends.at(i).revents != 0) drains.at(i).read();
-    }
-  }
-  int waitStatus = 0;
-  ::waitpid(pid, &waitStatus, 0);
-  for (Drain& drain : drains)
-    drain.closeEnd(0);
-  outcome.status = statusFrom(waitStatus);
-  return outcome;
+Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
+  const int out = openStream(options.out);
+  const int err = openStream(options.err);
+  const auto become = [&] {
+    ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+    options.out == Ends::closed ? ::close(1) : ::dup2(out, 1);
+    options.err == Ends::closed ? ::close(2) : ::dup2(err, 2);
+    if (options.inChild) options.inChild();
+    execute(words);
+  };
+  const int status = runInChild(become, options.atCall);
+  return {status, closeStream(out), closeStream(err)};
 }
 
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
@@ -120,40 +74,23 @@ Outcome cliLine(std::string_view line, char separator) {
   return cli(words);
 }
 
-Bystander::Bystander(const std::string& name) {
+pid_t startBystander(const std::string& name) {
   // A copy of `sleep` under the name, so that the kernel and /proc both know the process by it.
   const std::string program = caseFolder() + "/" + name;
-  if (!std::filesystem::exists(program)) std::filesystem::copy_file("/bin/sleep", program);
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    ::execl(program.c_str(), program.c_str(), "600", nullptr);
-    ::_exit(127);
-  }
+  if (!exists(program)) std::filesystem::copy_file("/bin/sleep", program);
+  const pid_t pid = ::fork();
+  if (pid == 0) execute({program, "600"});
   // Until the exec has happened the process carries this program's name.
-  std::error_code ignored;
-  while (std::filesystem::read_symlink("/proc/" + std::to_string(pid_) + "/exe", ignored) !=
-         program) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  while (contentOf("/proc/" + std::to_string(pid) + "/comm") != name.substr(0, 15) + "\n")
+    ::usleep(500);
+  return pid;
 }
 
-Bystander::Bystander(Bystander&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
-
-Bystander::~Bystander() {
-  if (pid_ == -1) return;
-  ::kill(pid_, SIGKILL);
-  ::waitpid(pid_, nullptr, 0);
-}
-
-bool Bystander::alive() const {
-  // SIGKILL is delivered at the next return to user mode, so a killed process may need a moment.
-  for (int i = 0; i < 20; ++i) {
-    siginfo_t info{};
-    ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
-    if (info.si_pid == pid_) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+bool endBystander(pid_t pid) {
+  ::kill(pid, SIGTERM);  // of two signals, the first decides how it ended
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WTERMSIG(status) == SIGTERM;
 }
 
 }  // namespace morvane::test

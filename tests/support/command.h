@@ -1,9 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "support/trace.h"
 
 namespace morvane::test {
 
@@ -24,11 +28,10 @@ struct RunOptions {
   Ends out = Ends::open;          // what the command finds as its standard output...
   Ends err = Ends::open;          // ...and standard error
   std::function<void()> inChild;  // limits, umask, identity: between fork and exec
-  int timeoutSeconds = 60;
+  AtCall atCall;                  // is told of each system call of the command
 };
 
-/// Runs `words` and collects both streams at once. A command that does not end in time is killed
-/// and fails the test.
+/// Runs `words` to the end and collects both streams. See runInChild.
 Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options = {});
 
 /// Runs the built morvane_cli with `arguments`.
@@ -37,20 +40,12 @@ Outcome cli(std::vector<std::string> arguments, const RunOptions& options = {});
 /// Likewise, its arguments being the pieces of `line` between the separators, empty ones included.
 Outcome cliLine(std::string_view line, char separator = ' ');
 
-/// A process called `name` that sleeps until someone kills it.
-class Bystander {
- public:
-  explicit Bystander(const std::string& name);
-  ~Bystander();
-  Bystander(Bystander&& other) noexcept;
-  Bystander(const Bystander&) = delete;
-  Bystander& operator=(const Bystander&) = delete;
+/// Becomes this program; does not come back.
+[[noreturn]] void execute(const std::vector<std::string>& words);
 
-  /// Whether it still runs. One that was killed is gone when the killer's call has returned.
-  [[nodiscard]] bool alive() const;
-
- private:
-  int pid_ = -1;
-};
+/// Starts a process called `name` that sleeps until someone kills it.
+pid_t startBystander(const std::string& name);
+/// Ends it. Whether nobody had killed it before.
+bool endBystander(pid_t pid);
 
 }  // namespace morvane::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -51,8 +50,7 @@ enum class Specials { keep, drop };
 
 /// The differences between two trees, a line each; empty when there are none. `drop` passes over
 /// FIFOs, sockets and devices, which no backup carries.
-std::string differences(const Tree& expected, const Tree& actual,
-                        Specials specials = Specials::drop);
+std::string differences(Tree expected, Tree actual, Specials specials = Specials::drop);
 
 /// The relative paths in `path`, sorted, without the root: for cases in which only names matter.
 std::vector<std::string> namesIn(const std::string& path);
