@@ -3,13 +3,14 @@
 #include <string>
 #include <vector>
 
-#include "reliability/traced_run.h"
 #include "support/tree.h"
 
 namespace morvane::test {
 
-inline constexpr const char* kApp = "com.burbn.instagram";
-inline constexpr const char* kStore = "/var/mobile/MorvaneBackups";
+inline const std::string kApp = "com.burbn.instagram";
+inline const std::string kContainer = "/var/mobile/Containers/Data/Application/A";
+inline const std::string kStore = "/var/mobile/MorvaneBackups";
+inline const std::string kBackup = kStore + "/one.morvane";
 
 /// A small phone in memory at /var with something of everything that a command touches, and beside
 /// it what none may touch: another app, another backup. Everything has the same old time. Each call
@@ -23,7 +24,8 @@ void fillWorld();
 /// those in /var.
 Tree world(const std::string& root = "/var");
 
-/// What `tree` holds at and below `path`, by full path.
+/// What `tree` holds at and below `path`, by the rest of the path, without the folders' times: that
+/// something was made or removed in a folder changes its own.
 Tree below(const Tree& tree, const std::string& path);
 
 /// A command, what of the phone it may change, and how its result line begins.
@@ -38,7 +40,7 @@ const std::vector<Command>& commands();
 void PrintTo(const Command& command, std::ostream* stream);  // GoogleTest's name for it
 
 /// What `command` had no business to change between two states of the phone, in words.
-std::string trespasses(const Command& command, const Tree& before, const Tree& after);
+std::string trespasses(const Command& command, Tree before, Tree after);
 
 /// Prints one of the figures that are published.
 void figure(const std::string& name, size_t value);

@@ -51,14 +51,13 @@ void execute(const std::vector<std::string>& words) {
 Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
   const int out = openStream(options.out);
   const int err = openStream(options.err);
-  const auto become = [&] {
+  const auto prepare = [&] {
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
     options.out == Ends::closed ? ::close(1) : ::dup2(out, 1);
     options.err == Ends::closed ? ::close(2) : ::dup2(err, 2);
     if (options.inChild) options.inChild();
-    execute(words);
   };
-  const int status = runInChild(become, options.atCall);
+  const int status = runInChild([&] { execute(words); }, options.atCall, prepare);
   return {status, closeStream(out), closeStream(err)};
 }
 

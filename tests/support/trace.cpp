@@ -128,10 +128,11 @@ void Call::set(size_t argument, unsigned long value) const {
   changeRegister(pid, kArguments[argument], value);
 }
 
-int runInChild(const std::function<void()>& body, const AtCall& atCall) {
+int runInChild(const Body& body, const AtCall& atCall, const Body& before) {
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::alarm(100);
+    if (before) before();
     if (atCall) traceMe();
     body();
     ::_exit(0);

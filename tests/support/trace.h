@@ -26,10 +26,11 @@ struct Call {
 };
 
 using AtCall = std::function<void(const Call&)>;
+using Body = std::function<void()>;
 
-/// Runs `body` in a process of its own, with `atCall`, if given, at each system call. Returns its
-/// exit status, or 128 + the signal that ended it; it is killed after 100 s.
-int runInChild(const std::function<void()>& body, const AtCall& atCall = {});
+/// Runs `body`, after `before`, in a process of its own, with `atCall`, if given, at each system
+/// call of the body. Returns its exit status, or 128 + the signal that ended it; it has 100 s.
+int runInChild(const Body& body, const AtCall& atCall = {}, const Body& before = {});
 
 /// How many descriptors a process has open.
 size_t openDescriptors(pid_t pid);
