@@ -1,56 +1,45 @@
+// The tests' main, too. The tool under test deletes below /var and kills processes by name, so
+// before anything else this program goes where it can do no harm: into a phone whose /var is empty
+// until a case puts its own there, and in which no process runs but the tests'.
+
 #include "support/case.h"
 
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
+#include "phone/enter.h"
+
 namespace morvane::test {
 namespace {
 
-struct Folders {
-  std::string work;
-  std::string ofCase;
-};
+/// Where the cases' folders are: a real folder outside /var, so that what a failed case leaves can
+/// be looked at afterwards.
+std::string workFolder = "/tmp/morvane-tests.XXXXXX";
+std::string currentCase;
 
-Folders& folders() {
-  static Folders instance;
-  return instance;
-}
-
-std::string newCaseFolder() {
-  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = std::string(test->test_suite_name()) + "." + test->name();
-  for (char& c : name) {
-    if (c == '/') c = '_';
-  }
-  std::string path = workFolder() + "/" + name + ".XXXXXX";
-  if (::mkdtemp(path.data()) == nullptr) return {};
-  ::chmod(path.c_str(), 0755);  // some cases look at it as another user
-  return path;
+/// Makes a folder whose name ends in X's, which become another text.
+void makeFolder(std::string& path, mode_t mode) {
+  if (::mkdtemp(path.data()) == nullptr || ::chmod(path.c_str(), mode) != 0) std::abort();
 }
 
 }  // namespace
 
-const std::string& workFolder() {
-  return folders().work;
-}
-
-void setWorkFolder(const std::string& path) {
-  folders().work = path;
-}
-
 const std::string& caseFolder() {
-  return folders().ofCase;
+  return currentCase;
 }
 
 void Case::SetUp() {
-  folders().ofCase = newCaseFolder();
-  ASSERT_FALSE(caseFolder().empty());
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = std::string(test->test_suite_name()) + "." + test->name() + ".XXXXXX";
+  std::replace(name.begin(), name.end(), '/', '_');
+  currentCase = workFolder + "/" + name;
+  makeFolder(currentCase, 0755);  // some cases look at it as another user
   const std::string var = caseFolder() + "/var";
   std::filesystem::create_directories(var + "/mobile/Library");
   // A test that ran on the machine's own /var would be a catastrophe rather than a failure.
@@ -89,8 +78,22 @@ bool ownershipIsFree() {
   return free;
 }
 
-bool skippingIsFailure() {
-  return std::getenv("CI") != nullptr;
-}
-
 }  // namespace morvane::test
+
+int main(int argc, char** argv) {
+  using morvane::test::workFolder;
+  ::testing::InitGoogleTest(&argc, argv);
+  if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
+  morvane::test::makeFolder(workFolder, 0711);  // some cases go there as another user
+  const auto entered = morvane::phone::enterPhone({
+      .var = {},
+      .writable = {workFolder},
+      .privilege = morvane::phone::Privilege::kept,  // the cases mount their /var
+      .asInit = {},
+      .afterwards = [](int) { ::rmdir(workFolder.c_str()); },  // unless a case was kept
+  });
+  if (entered) return RUN_ALL_TESTS();
+  ::rmdir(workFolder.c_str());
+  std::cerr << "tests: " << entered.reason() << "\n";
+  return 1;
+}
