@@ -1,5 +1,4 @@
-// One phone, thousands of commands in random order, one in four of them killed at a random system
-// call and run again. MORVANE_SOAK_COMMANDS and MORVANE_SOAK_SEED choose another run.
+// Many runs: two at a time, and thousands in a row.
 
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
@@ -46,6 +45,8 @@ Tree backupData(const std::string& name) {
   return data;
 }
 
+/// One phone, commands in random order, one in four of them killed at a random system call and run
+/// again. MORVANE_SOAK_COMMANDS and MORVANE_SOAK_SEED choose another run.
 class Soak : public Case {
  protected:
   size_t upTo(size_t bound) { return random_() % bound; }
@@ -119,7 +120,7 @@ TEST_F(Soak, StoreAndContainersStayConsistent) {
     const Words words = randomCommand();
     SCOPED_TRACE("command " + std::to_string(i) + ": " + words[0] + " " + words[1]);
     if (oneIn(4)) {
-      const FaultyRun run = runFaulty(words, {Fault::Kind::kill, 1 + upTo(250)});
+      const FaultyRun run = runFaulty(words, {Fault::Kind::end, 1 + upTo(250)});
       killed += run.outcome.status == 128 + SIGKILL ? 1U : 0U;
       EXPECT_TRUE(storeSurvived(words));
     }
@@ -134,6 +135,29 @@ TEST_F(Soak, StoreAndContainersStayConsistent) {
   EXPECT_EQ(differences(otherApp, treeAt(other)), "");
   figure("soak_commands", commands);
   figure("soak_killed", killed);
+}
+
+class TwoAtOnce : public Case {};
+
+TEST_F(TwoAtOnce, OneBackupOfTheNameIsWhole) {
+  const Command& backup = commands().front();
+  putWorld();
+  const size_t calls = runFaulty(backup.arguments).calls.size();
+  const Tree after = world();
+  for (size_t at = 1; at <= calls; ++at) {
+    SCOPED_TRACE("a second run at call " + std::to_string(at));
+    putWorld();
+    FaultyRun second;
+    const FaultyRun first = runFaulty(backup.arguments, {}, [&](const Call& call) {
+      if (call.count == at) second = runFaulty(backup.arguments);
+    });
+    ASSERT_EQ(second.outcome.out, backup.okLine) << second.outcome;
+    ASSERT_EQ(first.outcome.out, backup.okLine) << first.outcome;
+    ASSERT_EQ(differences(after, world()), "");
+    for (const std::string& name : namesIn(kStore))
+      ASSERT_FALSE(name.starts_with(".staging")) << name;
+  }
+  figure("second_runs", calls);
 }
 
 }  // namespace

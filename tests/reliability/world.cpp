@@ -117,19 +117,19 @@ const std::vector<Command>& commands() {
        {kContainer + "/Documents", kContainer + "/Library"},
        "RESTORE_OK one.morvane\n",
        "RESTORE_FAIL"},
+      {"remove",
+       {"removebackup", "one.morvane"},
+       {kBackup},
+       "REMOVE_OK one.morvane\n",
+       "REMOVE_FAIL"},
+      {"removeAll", {"removebackup", "ALL"}, {kStore}, "REMOVE_OK ALL\n", "REMOVE_FAIL"},
       {"reset",
        {"reset", kApp, "kill", "receipt=1"},
        {kContainer + "/Documents", kContainer + "/Library", kContainer + "/tmp",
         kContainer + "/SystemData", kContainer + "/StoreKit",
         "/var/mobile/Containers/Shared/AppGroup/G/Library", "/var/mobile/Library", "keychain"},
        "RESET_OK com.burbn.instagram\n",
-       "RESET_FAIL com.burbn.instagram: nothing found to reset\n"},
-      {"remove",
-       {"removebackup", "one.morvane"},
-       {kBackup},
-       "REMOVE_OK one.morvane\n",
-       "REMOVE_FAIL"},
-      {"removeAll", {"removebackup", "ALL"}, {kStore}, "REMOVE_OK ALL\n", "REMOVE_FAIL"}};
+       "RESET_FAIL com.burbn.instagram: nothing found to reset\n"}};
   return all;
 }
 

@@ -48,7 +48,7 @@ void execute(const std::vector<std::string>& words) {
   ::_exit(127);
 }
 
-Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
+Outcome collect(const Body& body, const RunOptions& options) {
   const int out = openStream(options.out);
   const int err = openStream(options.err);
   const auto prepare = [&] {
@@ -57,8 +57,12 @@ Outcome runCommand(const std::vector<std::string>& words, const RunOptions& opti
     options.err == Ends::closed ? ::close(2) : ::dup2(err, 2);
     if (options.inChild) options.inChild();
   };
-  const int status = runInChild([&] { execute(words); }, options.atCall, prepare);
+  const int status = runInChild(body, options.atCall, prepare);
   return {status, closeStream(out), closeStream(err)};
+}
+
+Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
+  return collect([&] { execute(words); }, options);
 }
 
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {

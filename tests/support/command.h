@@ -25,13 +25,16 @@ struct Outcome {
 enum class Ends { open, closed, brokenPipe };
 
 struct RunOptions {
-  Ends out = Ends::open;               // what the command finds as its standard output...
-  Ends err = Ends::open;               // ...and standard error
-  std::function<void()> inChild = {};  // limits, umask, identity: between fork and exec
-  AtCall atCall = {};                  // is told of each system call of the command
+  Ends out = Ends::open;  // what the command finds as its standard output...
+  Ends err = Ends::open;  // ...and standard error
+  Body inChild = {};      // limits, umask, identity: between fork and exec
+  AtCall atCall = {};     // is told of each system call of the command
 };
 
-/// Runs `words` to the end and collects both streams. See runInChild.
+/// Runs `body` in a process of its own and collects both streams. See runInChild.
+Outcome collect(const Body& body, const RunOptions& options = {});
+
+/// Likewise a program with its arguments.
 Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options = {});
 
 /// Runs the built morvane_cli with `arguments`.
