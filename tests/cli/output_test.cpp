@@ -18,67 +18,63 @@ namespace {
 const std::string kData = "/var/mobile/Containers/Data/Application/";
 const std::string kStore = "/var/mobile/MorvaneBackups";
 
-// Commands, their status, and what they write: ">" on standard output, "!" on standard error.
+// Commands with their status, and what they write; standard output has a ">" before each line.
 constexpr std::string_view kSession = R"(
 $ restore one.morvane = 1
-! RESTORE_FAIL: backup not found
+RESTORE_FAIL: backup not found
 $ removebackup one.morvane = 1
-! REMOVE_FAIL: not found
+REMOVE_FAIL: not found
 $ backup com.none,com.bare one = 1
-! [morvane_cli] BACKUP_FAIL com.none: container not found
-! [morvane_cli] BACKUP_FAIL com.bare: no Documents/Library to back up
-! BACKUP_FAIL one.morvane: no app data backed up
+[morvane_cli] BACKUP_FAIL com.none: container not found
+[morvane_cli] BACKUP_FAIL com.bare: no Documents/Library to back up
+BACKUP_FAIL one.morvane: no app data backed up
 $ backup com.a,com.bare,com.none,com.a one kept-by-D|nothing = 0
-! [morvane_cli] container backed up: com.a
-! [morvane_cli] BACKUP_FAIL com.bare: no Documents/Library to back up
-! [morvane_cli] BACKUP_FAIL com.none: container not found
-! [morvane_cli] container backed up: com.a
-! [morvane_cli] lightweight backup: skipped 2 file/dir matching keyword filter
+[morvane_cli] container backed up: com.a
+[morvane_cli] BACKUP_FAIL com.bare: no Documents/Library to back up
+[morvane_cli] BACKUP_FAIL com.none: container not found
+[morvane_cli] container backed up: com.a
+[morvane_cli] lightweight backup: skipped 2 file/dir matching keyword filter
 > BACKUP_OK one.morvane
 $ restore one.morvane = 0
-! [morvane_cli] container restored: com.a
+[morvane_cli] container restored: com.a
 > RESTORE_OK one.morvane
 $ restore odd.morvane = 1
-! [morvane_cli] RESTORE_FAIL not installed: container not found
-! RESTORE_FAIL odd.morvane: no app data restored
+[morvane_cli] RESTORE_FAIL not installed: container not found
+RESTORE_FAIL odd.morvane: no app data restored
 $ removebackup one.morvane = 0
 > REMOVE_OK one.morvane
 $ removebackup ALL = 0
 > REMOVE_OK ALL
 $ reset com.a,com.none clear receipt=1 = 0
-! [morvane_cli] RESET com.a
-! [morvane_cli] keychain: no group map for com.a (app lạ) — chỉ wipe container+system
-! [morvane_cli] container wiped: /var/mobile/Containers/Data/Application/app
-! [morvane_cli] appgroup wiped (full top-level): group-folder
-! [morvane_cli] receipt wipe com.a: removed something
-! [morvane_cli] RESET com.none
-! [morvane_cli] keychain: no group map for com.none (app lạ) — chỉ wipe container+system
-! [morvane_cli] container: không tìm thấy cho com.none
-! [morvane_cli] receipt wipe com.none: nothing found
+[morvane_cli] RESET com.a
+[morvane_cli] keychain: no group map for com.a (app lạ) — chỉ wipe container+system
+[morvane_cli] container wiped: /var/mobile/Containers/Data/Application/app
+[morvane_cli] appgroup wiped (full top-level): group-folder
+[morvane_cli] receipt wipe com.a: removed something
+[morvane_cli] RESET com.none
+[morvane_cli] keychain: no group map for com.none (app lạ) — chỉ wipe container+system
+[morvane_cli] container: không tìm thấy cho com.none
+[morvane_cli] receipt wipe com.none: nothing found
 > RESET_OK com.a
 > RESET_FAIL com.none: nothing found to reset
 $ reset com.zhiliaoapp.musically clear appdata=0,sys=0 = 0
-! [morvane_cli] RESET com.zhiliaoapp.musically
-! [morvane_cli] kc delete group.com.zhiliaoapp.musically/genp -> OSStatus -34018
-! [morvane_cli] kc delete group.com.zhiliaoapp.musically/inet -> OSStatus -34018
-! [morvane_cli] kc delete group.com.zhiliaoapp.musically/keys -> OSStatus -34018
-! [morvane_cli] kc delete group.com.zhiliaoapp.musically/cert -> OSStatus -34018
-! [morvane_cli] kc delete group.com.zhiliaoapp.musically/idnt -> OSStatus -34018
-! [morvane_cli] keychain cleared for com.zhiliaoapp.musically [group.com.zhiliaoapp.musically], left=0
-! [morvane_cli] appdata wipe skipped (flag appdata=0) for com.zhiliaoapp.musically
-! [morvane_cli] system-level wipe skipped (flag sys=0) for com.zhiliaoapp.musically
+[morvane_cli] RESET com.zhiliaoapp.musically
+[morvane_cli] kc delete group.com.zhiliaoapp.musically/genp -> OSStatus -34018
+[morvane_cli] kc delete group.com.zhiliaoapp.musically/inet -> OSStatus -34018
+[morvane_cli] kc delete group.com.zhiliaoapp.musically/keys -> OSStatus -34018
+[morvane_cli] kc delete group.com.zhiliaoapp.musically/cert -> OSStatus -34018
+[morvane_cli] kc delete group.com.zhiliaoapp.musically/idnt -> OSStatus -34018
+[morvane_cli] keychain cleared for com.zhiliaoapp.musically [group.com.zhiliaoapp.musically], left=0
+[morvane_cli] appdata wipe skipped (flag appdata=0) for com.zhiliaoapp.musically
+[morvane_cli] system-level wipe skipped (flag sys=0) for com.zhiliaoapp.musically
 > RESET_OK com.zhiliaoapp.musically
 $ reset com.a clear appdata=0,sys=0 = 1
-! [morvane_cli] RESET com.a
-! [morvane_cli] keychain: no group map for com.a (app lạ) — chỉ wipe container+system
-! [morvane_cli] appdata wipe skipped (flag appdata=0) for com.a
-! [morvane_cli] system-level wipe skipped (flag sys=0) for com.a
+[morvane_cli] RESET com.a
+[morvane_cli] keychain: no group map for com.a (app lạ) — chỉ wipe container+system
+[morvane_cli] appdata wipe skipped (flag appdata=0) for com.a
+[morvane_cli] system-level wipe skipped (flag sys=0) for com.a
 > RESET_FAIL com.a: nothing found to reset
 )";
-
-std::string marked(const std::string& text, const std::string& mark) {
-  return std::regex_replace(text, std::regex("([^\n]*\n)"), mark + " $1");
-}
 
 class ControllersReadTheOutcome : public Case {};
 
@@ -95,8 +91,8 @@ TEST_F(ControllersReadTheOutcome, LineByLineAndStreamByStream) {
     if (!line.starts_with("$")) continue;
     const std::string command(line.substr(2, line.rfind(" = ") - 2));
     const Outcome outcome = cliLine(command);
-    session += "$ " + command + " = " + std::to_string(outcome.status) + "\n" +
-               marked(outcome.err, "!") + marked(outcome.out, ">");
+    session += "$ " + command + " = " + std::to_string(outcome.status) + "\n" + outcome.err +
+               std::regex_replace(outcome.out, std::regex("(.*\n)"), "> $1");
   }
   EXPECT_EQ(session, kSession);
   runCommand({"sh", "-c", "rm -r $0 && touch $0", kStore});
