@@ -21,8 +21,6 @@ const char* const kUsage =
     "       morvane_cli removebackup <name.morvane|ALL>\n";
 const char* const kRejected = "[morvane_cli] invalid bundle id (rejected)\n";
 const char* const kNoBundle = "[morvane_cli] no valid bundle id given\n";
-const char* const kBadMode = "[morvane_cli] mode phải là kill|clear\n";
-const char* const kBadName = "[morvane_cli] invalid backup name\n";
 const char* const kBadFile = "[morvane_cli] invalid backup file name\n";
 
 class Arguments : public Case {};
@@ -44,8 +42,9 @@ TEST_F(Arguments, ThatAreWrongTouchNothingAndSayWhatIsWrong) {
         "reset~com.\xff~clear", "reset~com a~clear", "backup~bad!~../x", "reset~a\r~clear",
         "reset~a\v~clear", "reset~a\u0085~clear", "reset~a\u200b~clear", "reset~a\ufeff~clear"}},
       {{2, "", kNoBundle}, {"reset~~kill", "reset~ , ,\t,\u3000~KILL", "backup~,~../x"}},
-      {{2, "", kBadMode}, {"reset~com.a~KILL", "reset~com.a~", "reset~com.a~kill "}},
-      {{2, "", kBadName},
+      {{2, "", "[morvane_cli] mode phải là kill|clear\n"},
+       {"reset~com.a~KILL", "reset~com.a~", "reset~com.a~kill "}},
+      {{2, "", "[morvane_cli] invalid backup name\n"},
        {"backup~com.a~../x", "backup~com.a~.x", "backup~com.a~a/b", "backup~com.a~",
         "backup~com.a~ x", "backup~com.a~a..b"}},
       {{2, "", kBadFile},

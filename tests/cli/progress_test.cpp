@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include "support/case.h"
 #include "support/command.h"
@@ -20,25 +21,12 @@ namespace {
 
 constexpr std::string_view kErase = "\r\x1b[K";
 
-/// What came to the terminal: what stays on it, and each state of the transient line. Between two
-/// erasures there is one or the other.
+/// What came to the terminal: what stays on it, and each state of the transient line.
 struct Seen {
   int waitStatus = -1;
   std::string bytes;
   std::string kept;
   std::vector<std::string> lines;
-
-  void sortOut() {
-    for (size_t at = 0; at != std::string::npos;) {
-      const size_t end = bytes.find(kErase, at);
-      const std::string segment = bytes.substr(at, end - at);
-      const bool stays = segment.ends_with("\r\n");
-      if (stays) kept += segment;
-      if (!stays && !segment.empty()) lines.push_back(segment);
-      at = end == std::string::npos ? end : end + kErase.size();
-    }
-    std::erase(kept, '\r');
-  }
 };
 
 /// Runs a shell command, in which $0 is the tool, at a terminal of its own. `typed` comes from its
@@ -57,7 +45,17 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   }
   ::waitpid(pid, &seen.waitStatus, 0);
   ::close(terminal);
-  seen.sortOut();
+  // Between two erasures there is a state of the line, or whole lines that stay.
+  const std::regex erase(R"(\r\x1b\[K)");
+  std::sregex_token_iterator segment(seen.bytes.begin(), seen.bytes.end(), erase, -1);
+  for (; segment != std::sregex_token_iterator(); ++segment) {
+    const std::string text = *segment;
+    if (text.ends_with("\r\n")) {
+      seen.kept += std::regex_replace(text, std::regex("\r\n"), "\n");
+    } else if (!text.empty()) {
+      seen.lines.push_back(text);
+    }
+  }
   return seen;
 }
 
