@@ -30,7 +30,7 @@ TYPED = [
     ("backup net.w\tdaily", "backup " + LONG + " daily"),
     ("backup com.s\twee\t", "backup com.s.b weekly"),
     ("restore dai\t", "restore daily.morvane"),
-    ("restore no\t name\t", "restore no name"),
+    ("restore nam\t", "restore nam"),  # not a part of a name with a blank
     ("removebackup A\t", "removebackup ALL"),
 ]
 SHOWING = "PS1='> '; morvane_cli() { printf 'got <%s>\\n' \"$*\"; }; "
