@@ -22,14 +22,14 @@ class TheRightProcessesDie : public Case {};
 
 /// Runs `action` among processes of these names, given between commas. Those that are left.
 std::string survivors(const std::string& names, const std::function<void()>& action) {
-  std::vector<std::pair<std::string, Bystander>> bystanders;
+  std::vector<std::pair<std::string, pid_t>> bystanders;
   for (const std::string_view name : splitAt(names, ',')) {
-    if (!name.empty()) bystanders.emplace_back(name, Bystander(std::string(name)));
+    if (!name.empty()) bystanders.emplace_back(name, startBystander(std::string(name)));
   }
   action();
   std::string left;
-  for (const auto& [name, process] : bystanders) {
-    if (process.alive()) left += (left.empty() ? "" : ",") + name;
+  for (const auto& [name, pid] : bystanders) {
+    if (endBystander(pid)) left += (left.empty() ? "" : ",") + name;
   }
   return left;
 }
