@@ -25,10 +25,10 @@ struct Outcome {
 enum class Ends { open, closed, brokenPipe };
 
 struct RunOptions {
-  Ends out = Ends::open;          // what the command finds as its standard output...
-  Ends err = Ends::open;          // ...and standard error
-  std::function<void()> inChild;  // limits, umask, identity: between fork and exec
-  AtCall atCall;                  // is told of each system call of the command
+  Ends out = Ends::open;               // what the command finds as its standard output...
+  Ends err = Ends::open;               // ...and standard error
+  std::function<void()> inChild = {};  // limits, umask, identity: between fork and exec
+  AtCall atCall = {};                  // is told of each system call of the command
 };
 
 /// Runs `words` to the end and collects both streams. See runInChild.
