@@ -147,7 +147,8 @@ TEST_F(CopiesAreFaithful, AndAtNoMomentOpenToOthersNorOpenWhatCouldBlock) {
       CopyTally tally;
       const Place from{AT_FDCWD, "/var/in"};
       const Place to{AT_FDCWD, "/var/to"};
-      filtered ? copyTreeFiltered(from, to, {"no such"}, tally) : copyTreeReplacing(from, to, tally);
+      filtered ? copyTreeFiltered(from, to, {"no such"}, tally)
+               : copyTreeReplacing(from, to, tally);
       if (filtered) wipeDirContents("/var/in");
       ::_exit(tally.failed);
     };
@@ -158,7 +159,8 @@ TEST_F(CopiesAreFaithful, AndAtNoMomentOpenToOthersNorOpenWhatCouldBlock) {
                 for (const std::string looked : {path, path.parent_path()}) {
                   struct stat now {};
                   struct stat later {};
-                  if (!looked.starts_with("/var/to") || ::lstat(looked.c_str(), &now) != 0) continue;
+                  if (!looked.starts_with("/var/to") || ::lstat(looked.c_str(), &now) != 0)
+                    continue;
                   if (::lstat(("/var/in" + looked.substr(7)).c_str(), &later) != 0) continue;
                   ASSERT_EQ(excess(now, later), 0U)
                       << looked << std::oct << " is " << now.st_mode << " of " << now.st_uid
@@ -190,9 +192,9 @@ TEST_F(CopiesAreFaithful, OrAbsentAndCounted) {
     ::setrlimit(RLIMIT_FSIZE, &size);
   }};
   const std::string due = "copy incomplete for com.a: 3 file/dir could not be copied\n";
-  for (const auto& [words, copy] :
-       {std::pair{std::vector<std::string>{"backup", "com.a", "cut"}, kStore + "cut.morvane/com.a/Library"},
-        {{"restore", "big.morvane"}, library}}) {
+  for (const auto& [words, copy] : {std::pair{std::vector<std::string>{"backup", "com.a", "cut"},
+                                              kStore + "cut.morvane/com.a/Library"},
+                                    {{"restore", "big.morvane"}, library}}) {
     const Outcome outcome = cli(words, smallFiles);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_NE(outcome.err.find("[morvane_cli] " + due), std::string::npos) << outcome;
@@ -226,8 +228,9 @@ TEST_F(CopiesAreFaithful, LinksAtAPathsEndCountOnlyWhenTheSystemMadeThem) {
     for (const auto& row : rows) {
       runCommand({"rm", "-rf", "/var/mobile", "/var/t"});
       putApp("app", "com.a");
-      for (const std::string& path : {kStore + "old.morvane/com.a/Documents/old", groups + "/real/w",
-                                      std::string("/var/t/w"), std::string("/var/t/receipt")}) {
+      for (const std::string& path :
+           {kStore + "old.morvane/com.a/Documents/old", groups + "/real/w", std::string("/var/t/w"),
+            std::string("/var/t/receipt")}) {
         put(path);
       }
       put("/var/t" + meta, "group.com.a.x");
