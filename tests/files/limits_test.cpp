@@ -1,12 +1,12 @@
 // Trees that no program is prepared for: too deep, too wide, full of what cannot go.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -16,57 +16,48 @@
 #include "support/tree.h"
 
 namespace morvane::test {
+namespace fs = std::filesystem;
 namespace {
 
 using Names = std::vector<std::string>;
 
-class TreesBeyondLimits : public Case {
- protected:
-  void SetUp() override {
-    Case::SetUp();
-    mountMemory("/var", "2g");
-  }
-};
+class TreesBeyondLimits : public Case {};
 
 void expectOk(const std::vector<std::string>& arguments) {
-  const RunOptions narrow{.inChild = [] {
-    const rlimit descriptors{64, 64};
-    const rlimit stack{256 * 1024, 256 * 1024};
-    ::setrlimit(RLIMIT_NOFILE, &descriptors);
-    ::setrlimit(RLIMIT_STACK, &stack);
-  }};
-  const Outcome outcome = cli(arguments, narrow);
+  const Outcome outcome = cli(arguments, {.inChild = [] {
+                                const rlimit descriptors{64, 64};
+                                const rlimit stack{256 * 1024, 256 * 1024};
+                                ::setrlimit(RLIMIT_NOFILE, &descriptors);
+                                ::setrlimit(RLIMIT_STACK, &stack);
+                              }});
   EXPECT_EQ(outcome.status, 0) << outcome;
   EXPECT_EQ(outcome.err.find("incomplete"), std::string::npos) << outcome;
 }
 
 /// Modes and times of the levels of a chain, and what its deepest folder holds.
-Names levelsOf(const std::string& path) {
-  Names levels;
-  const int before = ::open(".", O_PATH | O_CLOEXEC);
+std::string levelsOf(const std::string& path) {
+  std::string levels;
   struct stat status {};
   for (const char* next = path.c_str(); ::chdir(next) == 0 && ::stat(".", &status) == 0; next = "d")
-    levels.push_back(std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_nsec));
-  levels.push_back(contentOf("bottom"));
-  EXPECT_EQ(::fchdir(before), 0);
-  ::close(before);
+    levels += std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_nsec) + "\n";
+  levels += contentOf("bottom");
+  EXPECT_EQ(::chdir("/"), 0);
   return levels;
 }
 
 TEST_F(TreesBeyondLimits, TwentyThousandLevelsAndAHundredThousandEntriesComeBack) {
+  mountMemory("/var", "2g");
   const std::string app = putApp("app", "com.a");
   putChain(app + "/Documents/chain", 20000);
   for (int i = 0; i < 50000; ++i) {
     put(app + "/Library/many/" + std::to_string(i), "");
     ASSERT_EQ(::mkdir((app + "/Library/many/d" + std::to_string(i)).c_str(), 0700), 0);
   }
-  const Names levels = levelsOf(app + "/Documents/chain");
-  const Tree many = treeAt(app + "/Library/many");
-  ASSERT_EQ(levels.size(), 20002U);
-  ASSERT_EQ(many.size(), 100001U);
+  const std::string levels = levelsOf(app + "/Documents/chain");
+  ASSERT_EQ(std::count(levels.begin(), levels.end(), '\n'), 20001);
   const auto expectAllIn = [&](const std::string& path) {
     EXPECT_EQ(levelsOf(path + "/Documents/chain"), levels);
-    EXPECT_EQ(differences(many, treeAt(path + "/Library/many")), "");
+    EXPECT_EQ(std::distance(fs::directory_iterator(path + "/Library/many"), {}), 100000);
   };
   for (const char* keywords : {"", "no such name"}) {
     expectOk({"backup", "com.a", "all", keywords});
@@ -93,6 +84,7 @@ void putStuckTree(const std::string& root, int depth, int stuck) {
 }
 
 TEST_F(TreesBeyondLimits, WhatCannotGoCostsItselfAndItsParents) {
+  mountMemory("/var");
   // As on a file system whose listings come a few names at a time: what cannot go fills the first.
   for (const unsigned long listed : {32768UL, 200UL}) {
     const std::string root = "/var/listed " + std::to_string(listed);
@@ -106,18 +98,17 @@ TEST_F(TreesBeyondLimits, WhatCannotGoCostsItselfAndItsParents) {
     std::set<std::string> stuck;
     for (std::string name : namesIn(root)) {
       if (name.find("stuck") == std::string::npos) continue;
-      for (; !name.empty(); name = std::filesystem::path(name).parent_path())
+      for (; !name.empty(); name = fs::path(name).parent_path())
         stuck.insert(name);
     }
-    std::map<std::string, int> opened;
-    EXPECT_EQ(0, runInChild([&] { wipeDirContents(root); },
-                            [&](const Call& call) {
-                              if (call.number == SYS_getdents64) call.set(2, listed);
-                              if (call.opens()) ++opened[call.path()];
-                            }));
+    size_t opened = 0;
+    const auto atCall = [&](const Call& call) {
+      if (call.number == SYS_getdents64) call.set(2, listed);
+      if (call.opens()) ++opened;
+    };
+    EXPECT_EQ(runInChild([&] { wipeDirContents(root); }, atCall), 0);
     EXPECT_EQ(namesIn(root), Names(stuck.begin(), stuck.end()));
-    for (const auto& [path, times] : opened)
-      EXPECT_LE(times, 3) << path << ": a folder is not gone through once for each one above it";
+    EXPECT_LT(opened, 400U) << "folders are gone through once for each one above them";
   }
 }
 

@@ -15,6 +15,13 @@ class Case : public ::testing::Test {
   void TearDown() override;
 };
 
+/// A case whose /var is in memory and in which files can be given to other users; skipped
+/// elsewhere.
+class RootCase : public Case {
+ protected:
+  void SetUp() override;
+};
+
 /// Where the folders of all cases are, outside /var.
 const std::string& workFolder();
 void setWorkFolder(const std::string& path);
