@@ -192,13 +192,13 @@ void putHostileTree(const std::string& path, const std::string& outside, int dep
   put(path + "/locked/inside", "nobody enters");
   std::mt19937 random(seed);
   putRandomEntries(path, random);
-  putChain(path + "/chain", depth);
   std::vector<std::string> paths;
   for (const auto& entry : fs::recursive_directory_iterator(path))
     paths.push_back(entry.path());
   for (const std::string& entry : paths)
     decorate(entry, random);
   ::chmod((path + "/locked").c_str(), 0);
+  putChain(path + "/chain", depth);
   if (ownershipIsFree()) {
     EXPECT_EQ(::chown(path.c_str(), 501, 20), 0);
   }
@@ -211,8 +211,9 @@ Tree treeAt(const std::string& path) {
   if (!exists(path)) return tree;
   tree["."] = describe(path);
   if (!fs::is_directory(fs::symlink_status(path))) return tree;
+  const size_t prefix = (fs::path(path) / "").string().size();  // `path` may end in a slash
   for (const auto& entry : fs::recursive_directory_iterator(path))
-    tree[entry.path().string().substr(path.size() + 1)] = describe(entry.path());
+    tree[entry.path().string().substr(prefix)] = describe(entry.path());
   return tree;
 }
 
