@@ -50,21 +50,11 @@ mode_t excess(const struct stat& now, const struct stat& later) {
 }
 
 TEST_F(CopiesAreFaithful, AndAtNoMomentOpenToOthersNorOpenWhatCouldBlock) {
-  putHostileTree("/var/in", "/var/outside", 20);
+  for (unsigned seed = 1; seed <= 3; ++seed)
+    putHostileTree("/var/in/" + std::to_string(seed), "/var/outside", 20, seed);
   ASSERT_EQ(::mknod("/var/in/terminal", S_IFCHR | 0666, 5 << 8), 0);
-  for (mode_t mode = 0; mode < 01000; mode += 3) {
-    const std::string file = "/var/in/modes/" + std::to_string(mode);
-    put(file, "secret");
-    put(file + ".d/inside");
-    for (const std::string& path : {file, file + ".d"}) {
-      ASSERT_EQ(::lchown(path.c_str(), 501, 20), 0);
-      ASSERT_EQ(::chmod(path.c_str(), mode | (mode % 4) << 10), 0);
-    }
-  }
   ASSERT_EQ(::chmod("/var/in", 0700), 0);
-  const std::vector<std::string> names = namesIn("/var/in");
-  for (const std::string& name : names)
-    setOldTime("/var/in/" + name);
+  runCommand({"find", "/var/in", "-exec", "touch", "-h", "-d", "2001-01-01", "{}", "+"});
   const auto body = [] {
     CopyTally tally;
     copyTreeReplacing({AT_FDCWD, "/var/in"}, {AT_FDCWD, "/var/to1"}, tally);
@@ -87,12 +77,10 @@ TEST_F(CopiesAreFaithful, AndAtNoMomentOpenToOthersNorOpenWhatCouldBlock) {
     }
   });
   EXPECT_EQ(failed, 0);
-  EXPECT_GT(looks, 4000U);
-  for (const std::string& name : names) {
-    struct stat copied {};
-    const bool special = ::lstat(("/var/to1/" + name).c_str(), &copied) != 0;
-    EXPECT_TRUE(special || copied.st_atim.tv_nsec == 123456789) << name << ": the last access";
-  }
+  EXPECT_GT(looks, 2000U);
+  const Outcome touched =
+      runCommand({"find", "/var/to1", "-mindepth", "1", "-newerat", "2001-01-02"});
+  EXPECT_EQ(touched, (Outcome{0, "", ""})) << "not as last accessed";
 }
 
 TEST_F(CopiesAreFaithful, OrAbsentAndCounted) {
