@@ -64,6 +64,12 @@ void Case::TearDown() {
           .c_str());
 }
 
+void RootCase::SetUp() {
+  Case::SetUp();
+  mountMemory("/var", "1g");
+  if (!ownershipIsFree()) SKIP_OR_FAIL("only root can give files away");
+}
+
 void mountMemory(const std::string& path, const std::string& size) {
   std::filesystem::create_directories(path);
   const std::string options = "size=" + size;

@@ -16,6 +16,13 @@ class Case : public ::testing::Test {
   void TearDown() override;
 };
 
+/// A case whose /var is in memory and in which files can be given to other users; skipped
+/// elsewhere.
+class RootCase : public Case {
+ protected:
+  void SetUp() override;
+};
+
 /// The folder of the running case. Its subfolder "var" is what stands at /var; beside it there is
 /// room for what must lie outside.
 const std::string& caseFolder();

@@ -6,9 +6,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <utility>
 
@@ -65,6 +67,58 @@ std::string describe(const std::string& path) {
   return words.str();
 }
 
+unsigned upTo(unsigned most, std::mt19937& random) {
+  return static_cast<unsigned>(random() % (most + 1));
+}
+
+std::string bytes(size_t size, std::mt19937& random) {
+  std::string text(size, 'x');
+  for (size_t i = 0; i < size; ++i)
+    text[i] = i < 300 ? static_cast<char>(1 + upTo(254, random)) : text[i - 300];
+  return text;
+}
+
+/// Folders, dangling links, files and files with holes, under any names.
+void putRandomEntries(const std::string& root, std::mt19937& random) {
+  std::vector<std::string> folders{root};
+  for (int i = 0; i < 50; ++i) {
+    std::string name = std::to_string(i) + bytes(upTo(i % 7 == 0 ? 253 : 20, random), random);
+    std::replace(name.begin(), name.end(), '/', '\n');
+    const std::string path = folders[random() % folders.size()] + "/" + name;
+    constexpr size_t kSizes[] = {0, 1, 100, 4096, 131072, 131073, 300000};
+    const unsigned kind = upTo(5, random);
+    if (kind < 2) putFolder(folders.emplace_back(path));
+    if (kind == 2) putLink(path, name);
+    if (kind > 2) put(path, bytes(kSizes[upTo(6, random)], random));
+    if (kind > 3) fs::resize_file(path, 1 << 20);
+    if (kind > 4) std::ofstream(path, std::ios::app) << "data";
+  }
+}
+
+/// Gives an entry any owner, attributes, mode and time.
+void decorate(const std::string& path, std::mt19937& random) {
+  // One more user, as the kernel keeps it (linux/posix_acl_xattr.h).
+  constexpr std::uint16_t kAny = 0xffff;
+  constexpr std::uint16_t kList[] = {2, 0,    1,    6,  kAny, kAny, 2,    4,  501, 0,    4,
+                                     4, kAny, kAny, 16, 4,    kAny, kAny, 32, 0,   kAny, kAny};
+  const std::string list(reinterpret_cast<const char*>(kList), sizeof kList);
+  const uid_t owner = upTo(1, random) * 501;
+  const gid_t group = upTo(1, random) * 20;
+  if (ownershipIsFree()) {
+    EXPECT_EQ(::lchown(path.c_str(), owner, group), 0);
+  }
+  for (const auto& [name, value] : {std::pair{"trusted.t", bytes(upTo(2000, random), random)},
+                                    {"user.u", bytes(9, random)},
+                                    {"system.posix_acl_access", list},
+                                    {"system.posix_acl_default", list}}) {
+    const bool has = upTo(2, random) == 0;
+    if (has) ::lsetxattr(path.c_str(), name, value.data(), value.size(), 0);  // where it can be
+  }
+  // After the owner: giving a file away clears bits of its mode.
+  if (!fs::is_symlink(path)) ::chmod(path.c_str(), upTo(07777, random));
+  setOldTime(path, 1 + upTo(2000000000, random), upTo(999999999, random));
+}
+
 }  // namespace
 
 void put(const std::string& path, std::string_view content) {
@@ -116,7 +170,7 @@ void putChain(const std::string& path, int depth) {
   ::close(folder);
 }
 
-void putHostileTree(const std::string& path, const std::string& outside, int depth) {
+void putHostileTree(const std::string& path, const std::string& outside, int depth, unsigned seed) {
   put(path + "/plain", "text");
   put(path + "/empty", "");
   put(path + "/" + std::string(255, 'n'), "long name");
@@ -135,22 +189,21 @@ void putHostileTree(const std::string& path, const std::string& outside, int dep
   putLink(path + "/sub/up", "../..");
   ASSERT_EQ(::mknod((path + "/fifo").c_str(), S_IFIFO | 0666, 0), 0);
   ASSERT_EQ(::mknod((path + "/socket").c_str(), S_IFSOCK | 0666, 0), 0);
-  putChain(path + "/chain", depth);
   put(path + "/locked/inside", "nobody enters");
-  EXPECT_EQ(::setxattr((path + "/plain").c_str(), "user.tag", "value", 5, 0), 0);
-  EXPECT_EQ(::setxattr((path + "/sub").c_str(), "user.folder", "yes", 3, 0), 0);
+  std::mt19937 random(seed);
+  putRandomEntries(path, random);
+  std::vector<std::string> paths;
+  for (const auto& entry : fs::recursive_directory_iterator(path))
+    paths.push_back(entry.path());
+  for (const std::string& entry : paths)
+    decorate(entry, random);
+  ::chmod((path + "/locked").c_str(), 0);
+  putChain(path + "/chain", depth);
   if (ownershipIsFree()) {
-    for (const char* name : {"", "/plain", "/sub", "/sub/a", "/dangling", "/out"})
-      EXPECT_EQ(::lchown((path + name).c_str(), 501, 501), 0);
+    EXPECT_EQ(::chown(path.c_str(), 501, 20), 0);
   }
-  // After the owner: giving a file away clears bits of its mode.
-  for (const auto& [name, mode] :
-       {std::pair{"/plain", 06711U}, {"/empty", 0U}, {"/sub", 01770U}, {"/locked", 0U}})
-    ::chmod((path + name).c_str(), mode);
-  for (const char* name :
-       {"/sub/a/b/c", "/sub/a/b", "/dangling", "/sub", "/empty folder", "/locked"})
-    setOldTime(path + name);
-  setOldTime(path, 1000000000, 7);
+  ::chmod(path.c_str(), 02770);  // what is made in it gets its group
+  setOldTime(path);
 }
 
 Tree treeAt(const std::string& path) {
@@ -158,8 +211,9 @@ Tree treeAt(const std::string& path) {
   if (!exists(path)) return tree;
   tree["."] = describe(path);
   if (!fs::is_directory(fs::symlink_status(path))) return tree;
+  const size_t prefix = (fs::path(path) / "").string().size();  // `path` may end in a slash
   for (const auto& entry : fs::recursive_directory_iterator(path))
-    tree[entry.path().string().substr(path.size() + 1)] = describe(entry.path());
+    tree[entry.path().string().substr(prefix)] = describe(entry.path());
   return tree;
 }
 

@@ -28,10 +28,11 @@ std::string putGroup(const std::string& folderName, std::string_view metadata);
 
 /// Everything at once that an app can put into its folder to trouble a privileged copier or
 /// cleaner: names of 255 bytes, with line feeds, not UTF-8; links out of the tree, to folders,
-/// dangling and in circles; FIFOs and sockets; folders that nobody may enter and files that nobody
-/// may read; set-user bits, other owners, extended attributes, holes, empty folders, a chain of
-/// `depth` folders. `outside` is the folder that the links aim at.
-void putHostileTree(const std::string& path, const std::string& outside, int depth = 300);
+/// dangling and in circles; FIFOs and sockets; a folder that nobody may enter; holes, empty
+/// folders, a chain of `depth` folders. More of it, and all modes, owners, times, extended
+/// attributes and access lists, are as `seed` decides. `outside` is what the links aim at.
+void putHostileTree(const std::string& path, const std::string& outside, int depth = 300,
+                    unsigned seed = 1);
 
 /// A chain of `depth` folders "d" below `path`, however long the path gets, with a file at its end.
 void putChain(const std::string& path, int depth);
