@@ -155,14 +155,13 @@ void* objc_getClass(const char* name) {
   return phone.classLoaded && name == "LSApplicationProxy"s ? &phone : nullptr;
 }
 STAND_IN(const char* sel_registerName(const char* name), name)
-const void* objc_msgSend(const void* self, const char* selector, const void* argument) {
+const void* objc_msgSend(const void* self, const char* selector, Ref argument) {
   if (self == &phone) {
     EXPECT_EQ(selector, "applicationProxyForIdentifier:"s);
-    const Object& identifier = in(static_cast<Ref>(argument), Object::string);
-    return identifier.text == u"com.a.b" ? &phone.record : nullptr;
+    return in(argument, Object::string).text == u"com.a.b" ? &phone.record : nullptr;
   }
   if (selector != "respondsToSelector:"s) return phone.record.at(selector);
-  return reinterpret_cast<const void*>(phone.record.count(static_cast<const char*>(argument)));
+  return reinterpret_cast<Ref>(phone.record.count(reinterpret_cast<const char*>(argument)));
 }
 
 }  // extern "C"
@@ -204,23 +203,21 @@ TEST_F(Iphone, TakesAnswersOfTheKeychainOfEveryKind) {
   const auto item = [](Ref group) {
     return has({Object::dictionary, {}, {group}, {kSecAttrAccessGroup}});
   };
-  const auto groupsListed = [](int status, Ref answer) {
+  using CountAndGroups = std::pair<std::size_t, std::vector<std::string>>;
+  const auto listed = [](int status, Ref answer) {
     phone.status = status;
     phone.answer = answer;
     const KeychainItems items = listKeychainItems(ItemClass::key, "A");
     EXPECT_EQ(items.status, status);
-    std::string words = std::to_string(items.count) + " items:";
-    for (const std::string& group : items.accessGroups)
-      words += " " + group;
-    return words;
+    return CountAndGroups(items.count, items.accessGroups);
   };
   const Ref list = has({.type = Object::array,
                         .values = {item(text(u"A")), has({}), item(has({})), text(u"C"),
                                    item(text(u"\xD800")), item(text(u"Ả.b"))}});
-  EXPECT_EQ(groupsListed(0, list), "6 items: A Ả.b");
-  EXPECT_EQ(groupsListed(0, item(text(u"A"))), "1 items:");
-  EXPECT_EQ(groupsListed(0, nullptr), "0 items:");
-  EXPECT_EQ(groupsListed(kKeychainItemNotFound, list), "0 items:");
+  EXPECT_EQ(listed(0, list), CountAndGroups(6, {"A", "Ả.b"}));
+  EXPECT_EQ(listed(0, item(text(u"A"))), CountAndGroups(1, {}));
+  EXPECT_EQ(listed(0, nullptr), CountAndGroups(0, {}));
+  EXPECT_EQ(listed(kKeychainItemNotFound, list), CountAndGroups(0, {}));
 }
 
 /// An app's record as found, in words.

@@ -22,7 +22,6 @@ namespace {
 
 using namespace platform;  // NOLINT(google-build-using-namespace): under test here
 using phone::kKeychainPath;
-using phone::kRecordsPath;
 using phone::SqliteWriter;
 using Names = std::vector<std::string>;
 
@@ -93,7 +92,7 @@ TEST_F(Stores, ShowAndLoseWhatTheToolIsEntitledToAndNothingElse) {
 TEST_F(Stores, ThatAreDamagedAreAStatus) {
   const std::function<void()> rows[] = {
       [] { put(kKeychainPath, "no database, but some text of a certain length"); },
-      [] { mkfifo(kKeychainPath, 0600); },
+      [] { EXPECT_EQ(mkfifo(kKeychainPath, 0600), 0); },
       [] { putLink(kKeychainPath, "/etc/passwd"); },
       [] { change("CREATE VIEW genp AS SELECT 'T84QZS65DQ.platformFamily' AS agrp"); },
       [] {
@@ -156,13 +155,13 @@ TEST_F(Stores, TellMoreThanAScanUnderTheirOwnConditions) {
     return words;
   };
   phone::RecordWriter records;
-  ASSERT_TRUE(records.open(kRecordsPath));
+  ASSERT_TRUE(records.open(phone::kRecordsPath));
   for (const auto& [bundle, record, places] : rows) {
     ASSERT_TRUE(records.put(bundle, record));
     EXPECT_EQ(placesOf(bundle), places) << bundle;
   }
   EXPECT_EQ(placesOf("com.example"), data + " " + group + " |") << "an app without record";
-  put(kRecordsPath, "some text that is no database at all, however long it may be");
+  put(phone::kRecordsPath, "some text that is no database at all, however long it may be");
   EXPECT_EQ(placesOf("com.example.app"), data + " " + group + " |");
 }
 
