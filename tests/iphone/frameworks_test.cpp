@@ -1,12 +1,10 @@
 // The phone's keychain, application records and text, over stand-ins for what they call there.
 
-#include "platform/iphone/frameworks.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <codecvt>
-#include <cstring>
+#include <deque>
 #include <locale>
 #include <map>
 
@@ -19,327 +17,244 @@ namespace {
 using namespace std::literals;
 using namespace morvane::platform;  // NOLINT(google-build-using-namespace): under test here
 
-/// Counts its owners, so that the sanitizer sees whoever uses or releases one that is gone.
+/// Whatever the platform refers to by a pointer.
 struct Object {
-  enum Type : CFTypeID { other, string, array, dictionary, url };
-
-  Type type = other;
+  enum Type : unsigned long { other, string, array, dictionary, url } type = other;
   std::u16string text = {};  // a URL's is its path
-  std::vector<const Object*> keys = {}, values = {};
+  std::vector<const Object*> values = {}, keys = {};
   mutable int owners = 1;
 };
-int living = 0;
+using Ref = const Object*;
 
-const Object& in(CFTypeRef ref, Object::Type type) {
-  const auto& object = *static_cast<const Object*>(ref);
-  EXPECT_EQ(object.type, type);
-  return object;
-}
-
-template <typename Ref>
-Ref create(Object object) {
-  for (const Object* value : object.values)
-    ++value->owners;
-  ++living;
-  return reinterpret_cast<Ref>(new Object(std::move(object)));
-}
-
-/// What the phone has and was asked. Its objects go with the test.
+/// What the phone has and was asked.
 struct Phone {
-  std::map<std::string, bool> libraries;  // those there, and whether the class is in one
+  std::vector<std::string> libraries;  // the class of the records is in the last
   bool classLoaded = false;
-  std::map<std::string, const Object*> record;  // of the one app: property -> value
-  OSStatus status = 0;
-  const Object* answer = nullptr;                           // to every query of the keychain
-  std::vector<std::map<std::string, std::string>> queries;  // key -> value
-  std::vector<const Object*> objects;
+  std::map<std::string, Ref> record;  // of the one app: property -> value
+  int status = 0;                     // of every query of the keychain
+  Ref answer = nullptr;
+  std::string queries;
+  std::deque<Object> created;  // for the code under test to release
 } phone;
+std::deque<Object> owned;  // by the phone itself
 
-const Object* given(Object object) {
-  return phone.objects.emplace_back(create<const Object*>(std::move(object)));
+Ref has(Object object) {
+  return &owned.emplace_back(std::move(object));
 }
-const Object* text(std::u16string value) {
-  return given({Object::string, std::move(value)});
+Ref text(std::u16string value) {
+  return has({Object::string, std::move(value)});
 }
-const Object* url(std::u16string path) {
-  return given({Object::url, std::move(path)});
+Ref create(Object object) {
+  return &phone.created.emplace_back(std::move(object));
 }
 
-CFStringRef constant(std::u16string value) {
-  return create<CFStringRef>({Object::string, std::move(value)});
+const Object& in(Ref ref, Object::Type type) {
+  EXPECT_EQ(ref->type, type);
+  EXPECT_GT(ref->owners, 0) << "used after its release";
+  return *ref;
 }
 
 // Half a surrogate pair becomes no text here, and what is no text an empty string.
 std::wstring_convert<std::codecvt_utf8_utf16<char16_t>, char16_t> converter("", u"");
 
-OSStatus note(CFDictionaryRef query) {
-  const Object& object = in(query, Object::dictionary);
-  auto& seen = phone.queries.emplace_back();
-  for (std::size_t i = 0; i < object.keys.size(); ++i)
-    seen[converter.to_bytes(object.keys[i]->text)] = converter.to_bytes(object.values[i]->text);
+int note(Ref query) {
+  const auto& [type, text, values, keys, owners] = in(query, Object::dictionary);
+  for (std::size_t i = 0; i < keys.size(); ++i)
+    phone.queries += converter.to_bytes(keys[i]->text + u"=" + values[i]->text + u" ");
+  phone.queries += "\n";
   return phone.status;
 }
 
 }  // namespace
 
-struct CFDictionaryKeyCallBacks {};
-struct CFDictionaryValueCallBacks {};
-
+// As they are called, with one type for all references to objects.
 extern "C" {
 
-const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks{};
-const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks{};
-const CFBooleanRef kCFBooleanTrue = create<CFBooleanRef>({Object::other, u"true"});
+#define STAND_IN(Declaration, ...) \
+  Declaration {                    \
+    return __VA_ARGS__;            \
+  }
+
+int kCFTypeDictionaryKeyCallBacks, kCFTypeDictionaryValueCallBacks;
+Ref kCFBooleanTrue = text(u"true");
 // The texts behind the constants are those of the platform's headers.
-const CFStringRef kSecClass = constant(u"class");
-const CFStringRef kSecClassGenericPassword = constant(u"genp");
-const CFStringRef kSecClassInternetPassword = constant(u"inet");
-const CFStringRef kSecClassKey = constant(u"keys");
-const CFStringRef kSecClassCertificate = constant(u"cert");
-const CFStringRef kSecClassIdentity = constant(u"idnt");
-const CFStringRef kSecAttrAccessGroup = constant(u"agrp");
-const CFStringRef kSecMatchLimit = constant(u"m_Limit");
-const CFStringRef kSecMatchLimitAll = constant(u"m_LimitAll");
-const CFStringRef kSecReturnAttributes = constant(u"r_Attributes");
+Ref kSecClass = text(u"class");
+Ref kSecClassGenericPassword = text(u"genp");
+Ref kSecClassInternetPassword = text(u"inet");
+Ref kSecClassKey = text(u"keys");
+Ref kSecClassCertificate = text(u"cert");
+Ref kSecClassIdentity = text(u"idnt");
+Ref kSecAttrAccessGroup = text(u"agrp");
+Ref kSecMatchLimit = text(u"m_Limit");
+Ref kSecMatchLimitAll = text(u"m_LimitAll");
+Ref kSecReturnAttributes = text(u"r_Attributes");
 
-void CFRelease(CFTypeRef ref) {
-  const auto* object = static_cast<const Object*>(ref);
-  if (--object->owners > 0) return;
-  std::for_each(object->values.begin(), object->values.end(), CFRelease);
-  --living;
-  delete object;
-}
-CFTypeID CFGetTypeID(CFTypeRef ref) {
-  return static_cast<const Object*>(ref)->type;
-}
-CFTypeID CFArrayGetTypeID() {
-  return Object::array;
-}
-CFTypeID CFDictionaryGetTypeID() {
-  return Object::dictionary;
-}
-CFTypeID CFStringGetTypeID() {
-  return Object::string;
-}
-CFTypeID CFURLGetTypeID() {
-  return Object::url;
-}
-CFIndex CFArrayGetCount(CFArrayRef ref) {
-  return static_cast<CFIndex>(in(ref, Object::array).values.size());
-}
-const void* CFArrayGetValueAtIndex(CFArrayRef ref, CFIndex index) {
-  return in(ref, Object::array).values.at(static_cast<std::size_t>(index));
-}
-CFDictionaryRef CFDictionaryCreate(CFAllocatorRef, const void** keys, const void** values,
-                                   CFIndex count, const CFDictionaryKeyCallBacks* ofKeys,
-                                   const CFDictionaryValueCallBacks* ofValues) {
+STAND_IN(void CFRelease(Ref ref), void(--ref->owners))
+STAND_IN(unsigned long CFGetTypeID(Ref ref), ref->type)
+STAND_IN(unsigned long CFArrayGetTypeID(), Object::array)
+STAND_IN(unsigned long CFDictionaryGetTypeID(), Object::dictionary)
+STAND_IN(unsigned long CFStringGetTypeID(), Object::string)
+STAND_IN(unsigned long CFURLGetTypeID(), Object::url)
+STAND_IN(long CFArrayGetCount(Ref ref), std::ssize(in(ref, Object::array).values))
+STAND_IN(long CFDictionaryGetCount(Ref ref), std::ssize(in(ref, Object::dictionary).values))
+STAND_IN(long CFStringGetLength(Ref ref), std::ssize(in(ref, Object::string).text))
+STAND_IN(Ref CFArrayGetValueAtIndex(Ref ref, long i), *(in(ref, Object::array).values.begin() + i))
+
+Ref CFDictionaryCreate(void*, Ref* keys, Ref* values, long count, int* ofKeys, int* ofValues) {
   EXPECT_TRUE(ofKeys && ofValues) << "would own nothing";
-  Object object{Object::dictionary};
-  for (CFIndex i = 0; i < count; ++i) {
-    object.keys.push_back(static_cast<const Object*>(keys[i]));
-    object.values.push_back(static_cast<const Object*>(values[i]));
-  }
-  return create<CFDictionaryRef>(std::move(object));
+  return create({Object::dictionary, {}, {values, values + count}, {keys, keys + count}});
 }
-CFIndex CFDictionaryGetCount(CFDictionaryRef ref) {
-  return static_cast<CFIndex>(in(ref, Object::dictionary).keys.size());
+Ref CFDictionaryGetValue(Ref ref, Ref key) {
+  const Object& ofOneEntry = in(ref, Object::dictionary);
+  return ofOneEntry.keys.at(0) == key ? ofOneEntry.values.at(0) : nullptr;
 }
-const void* CFDictionaryGetValue(CFDictionaryRef ref, const void* key) {
-  const Object& object = in(ref, Object::dictionary);
-  for (std::size_t i = 0; i < object.keys.size(); ++i) {
-    if (object.keys[i] == key) return object.values[i];
-  }
-  return nullptr;
+void CFDictionaryGetKeysAndValues(Ref ref, Ref* keys, Ref* values) {
+  std::ranges::copy(in(ref, Object::dictionary).keys, keys);
+  std::ranges::copy(in(ref, Object::dictionary).values, values);
 }
-void CFDictionaryGetKeysAndValues(CFDictionaryRef ref, const void** keys, const void** values) {
-  std::copy_n(in(ref, Object::dictionary).keys.begin(), CFDictionaryGetCount(ref), keys);
-  std::copy_n(in(ref, Object::dictionary).values.begin(), CFDictionaryGetCount(ref), values);
+Ref CFStringCreateWithBytes(void*, const char* bytes, long count, unsigned, bool) {
+  const std::u16string units = converter.from_bytes(bytes, bytes + count);
+  return units.empty() ? nullptr : create({Object::string, units});
 }
-
-CFStringRef CFStringCreateWithBytes(CFAllocatorRef, const std::uint8_t* bytes, CFIndex count,
-                                    CFStringEncoding encoding, Boolean) {
-  EXPECT_EQ(encoding, kCFStringEncodingUTF8);
-  const auto* first = reinterpret_cast<const char*>(bytes);
-  std::u16string units = converter.from_bytes(first, first + count);
-  return units.empty() && count ? nullptr : constant(std::move(units));
+Ref CFStringCreateWithCharacters(void*, const char16_t* units, long count) {
+  return create({Object::string, {units, units + count}});
 }
-CFStringRef CFStringCreateWithCharacters(CFAllocatorRef, const std::uint16_t* units,
-                                         CFIndex count) {
-  return constant(std::u16string(units, units + count));
-}
-CFIndex CFStringGetLength(CFStringRef ref) {
-  return static_cast<CFIndex>(in(ref, Object::string).text.size());
-}
-CFIndex CFStringGetBytes(CFStringRef ref, CFRange range, CFStringEncoding encoding, std::uint8_t,
-                         Boolean, std::uint8_t* buffer, CFIndex capacity, CFIndex* used) {
-  EXPECT_EQ(encoding, kCFStringEncodingUTF8);
+struct Range {
+  long location, length;
+};
+long CFStringGetBytes(Ref ref, Range range, unsigned, unsigned char, bool, char* buffer,
+                      long capacity, long* used) {
   const std::string bytes = converter.to_bytes(in(ref, Object::string).text);
-  const auto size = static_cast<CFIndex>(bytes.size());
-  if (buffer) std::copy_n(bytes.begin(), std::min(size, capacity), buffer);
-  if (used) *used = size;
-  return size == 0 ? 0 : range.length;
+  if (buffer) std::copy_n(bytes.begin(), std::min(std::ssize(bytes), capacity), buffer);
+  if (used) *used = std::ssize(bytes);
+  return bytes.empty() ? 0 : range.length;
 }
 /// Literal: which units are compared is tested here, not how the platform compares them.
-Boolean CFStringFindWithOptions(CFStringRef ref, CFStringRef wanted, CFRange range,
-                                CFStringCompareFlags flags, CFRange*) {
-  EXPECT_EQ(flags, kCFCompareCaseInsensitive | kCFCompareNonliteral);
+bool CFStringFindWithOptions(Ref ref, Ref wanted, Range range, unsigned long flags, Range*) {
+  EXPECT_EQ(flags, 1U | 16U) << "not case-insensitive, or not equivalent characters";
   EXPECT_EQ(range.length, CFStringGetLength(ref));
   return in(ref, Object::string).text.find(in(wanted, Object::string).text) != std::string::npos;
 }
-CFStringRef CFURLCopyFileSystemPath(CFURLRef ref, CFURLPathStyle style) {
-  EXPECT_EQ(style, kCFURLPOSIXPathStyle);
+Ref CFURLCopyFileSystemPath(Ref ref, long) {
   const std::u16string& path = in(ref, Object::url).text;
-  return path.empty() ? nullptr : constant(path);
+  return path.empty() ? nullptr : create({Object::string, path});
 }
 
-OSStatus SecItemDelete(CFDictionaryRef query) {
-  return note(query);
-}
-OSStatus SecItemCopyMatching(CFDictionaryRef query, CFTypeRef* result) {
+STAND_IN(int SecItemDelete(Ref query), note(query))
+int SecItemCopyMatching(Ref query, Ref* result) {
   if (phone.answer) ++phone.answer->owners;
   *result = phone.answer;
   return note(query);
 }
 
 void* standInDlopen(const char* path, int) {
-  const auto library = phone.libraries.find(path);
-  if (library == phone.libraries.end()) return nullptr;
-  phone.classLoaded |= library->second;
-  return &phone;
+  phone.classLoaded |= phone.libraries.back() == path;
+  return std::ranges::count(phone.libraries, path) > 0 ? &phone : nullptr;
 }
-id objc_getClass(const char* name) {
-  const bool known = phone.classLoaded && name == "LSApplicationProxy"s;
-  return known ? reinterpret_cast<id>(&phone) : nullptr;
+void* objc_getClass(const char* name) {
+  return phone.classLoaded && name == "LSApplicationProxy"s ? &phone : nullptr;
 }
-SEL sel_registerName(const char* name) {
-  return reinterpret_cast<SEL>(const_cast<char*>(name));
-}
-const void* message(const void* self, const char* selector, const void* word) asm("objc_msgSend");
-const void* message(const void* self, const char* selector, const void* argument) {
-  if (selector == "applicationProxyForIdentifier:"s) {
-    EXPECT_EQ(self, &phone);
+STAND_IN(const char* sel_registerName(const char* name), name)
+const void* objc_msgSend(const void* self, const char* selector, Ref argument) {
+  if (self == &phone) {
+    EXPECT_EQ(selector, "applicationProxyForIdentifier:"s);
     return in(argument, Object::string).text == u"com.a.b" ? &phone.record : nullptr;
   }
-  EXPECT_EQ(self, &phone.record);
   if (selector != "respondsToSelector:"s) return phone.record.at(selector);
-  const auto count = phone.record.count(static_cast<const char*>(argument));
-  return reinterpret_cast<const void*>(count);
+  return reinterpret_cast<Ref>(phone.record.count(reinterpret_cast<const char*>(argument)));
 }
 
 }  // extern "C"
 
 namespace {
 
-/// Begins with an empty phone; at the end nothing may be left that should have been released.
+/// Begins with an empty phone; at the end everything is released that should be, and nothing else.
 class Iphone : public ::testing::Test {
  protected:
+  Iphone() { phone = {}; }
   void TearDown() override {
-    std::for_each(phone.objects.begin(), phone.objects.end(), CFRelease);
-    phone = {};
-    EXPECT_EQ(living, before_);
+    for (const Object& object : phone.created)
+      EXPECT_EQ(object.owners, 0);
+    for (const Object& object : owned)
+      EXPECT_EQ(object.owners, 1);
   }
-
- private:
-  const int before_ = living;
 };
 
 TEST_F(Iphone, AsksTheKeychainExactlyTheQueriesOfEachClass) {
-  for (const auto& [itemClass, code] : {std::pair{ItemClass::genericPassword, "genp"},
-                                        {ItemClass::internetPassword, "inet"},
-                                        {ItemClass::key, "keys"},
-                                        {ItemClass::certificate, "cert"},
-                                        {ItemClass::identity, "idnt"}}) {
+  phone.status = kKeychainItemNotFound;
+  const std::string codes[] = {"genp", "inet", "keys", "cert", "idnt"};  // as ItemClass has them
+  for (const std::string& code : codes) {
+    const auto itemClass = static_cast<ItemClass>(&code - codes);
     EXPECT_EQ(itemClassCode(itemClass), code);
     phone.queries.clear();
-    phone.status = kKeychainItemNotFound;
     EXPECT_EQ(deleteKeychainItems(itemClass, "T.nhóm"), kKeychainItemNotFound);
     (void)listKeychainItems(itemClass, "T.nhóm");
     (void)listKeychainItems(itemClass, std::nullopt);
-    auto expected = decltype(phone.queries)(
-        3, {{"class", code}, {"m_Limit", "m_LimitAll"}, {"r_Attributes", "true"}});
-    expected[0] = {{"class", code}, {"agrp", "T.nhóm"}};
-    expected[1]["agrp"] = "T.nhóm";
-    EXPECT_EQ(phone.queries, expected);
+    // A query that lost its access group would mean every item that the tool can reach.
+    EXPECT_EQ(deleteKeychainItems(itemClass, "\xFF"), -50);
+    EXPECT_EQ(listKeychainItems(itemClass, "\xFF").status, -50);
+    const std::string ofGroup = "class=" + code + " agrp=T.nhóm ";
+    const std::string all = "m_Limit=m_LimitAll r_Attributes=true \n";
+    EXPECT_EQ(phone.queries, ofGroup + "\n" + ofGroup + all + "class=" + code + " " + all);
   }
-  // A query that lost its access group would mean every item that the tool can reach.
-  phone.queries.clear();
-  EXPECT_EQ(deleteKeychainItems(ItemClass::key, "\xFF"), errSecParam);
-  EXPECT_EQ(listKeychainItems(ItemClass::key, "\xFF").status, errSecParam);
-  EXPECT_TRUE(phone.queries.empty());
 }
 
-TEST_F(Iphone, TakesAnswersOfTheKeychainOfEveryKindAndReleasesThem) {
-  const auto item = [](const Object* group) {
-    const auto* key = reinterpret_cast<const Object*>(kSecAttrAccessGroup);
-    return given({Object::dictionary, {}, {key}, {group}});
+TEST_F(Iphone, TakesAnswersOfTheKeychainOfEveryKind) {
+  const auto item = [](Ref group) {
+    return has({Object::dictionary, {}, {group}, {kSecAttrAccessGroup}});
   };
-  Object list{Object::array};
-  list.values = {item(text(u"A")),      given({}),         item(given({})), text(u"C"),
-                 item(text(u"\xD800")), item(text(u"Ả.b"))};
-  const Object* answer = given(list);
-  const struct {
-    OSStatus status;
-    const Object* answer;
-    std::size_t count;
-    std::vector<std::string> groups;
-  } rows[] = {{0, answer, 6, {"A", "Ả.b"}},
-              {0, item(text(u"A")), 1, {}},
-              {0, nullptr, 0, {}},
-              {kKeychainItemNotFound, answer, 0, {}}};
-  for (const auto& row : rows) {
-    phone.status = row.status;
-    phone.answer = row.answer;
+  using CountAndGroups = std::pair<std::size_t, std::vector<std::string>>;
+  const auto listed = [](int status, Ref answer) {
+    phone.status = status;
+    phone.answer = answer;
     const KeychainItems items = listKeychainItems(ItemClass::key, "A");
-    EXPECT_EQ(items.status, row.status);
-    EXPECT_EQ(items.count, row.count);
-    EXPECT_EQ(items.accessGroups, row.groups);
-  }
-}
-
-const std::string kFrameworks = "/System/Library/Frameworks/";
-const std::string kLibrary = kFrameworks + "CoreServices.framework/CoreServices";
-const std::string kOther = kFrameworks + "MobileCoreServices.framework/MobileCoreServices";
-
-TEST_F(Iphone, FindsTheRecordsInWhicheverLibraryHasThem) {
-  const std::pair<decltype(phone.libraries), bool> rows[] = {
-      {{{kLibrary, true}}, true},
-      {{{kOther, true}}, true},
-      {{{kLibrary, false}, {kOther, true}}, true},
-      {{{kLibrary, false}}, false},
+    EXPECT_EQ(items.status, status);
+    return CountAndGroups(items.count, items.accessGroups);
   };
-  for (const auto& [libraries, found] : rows) {
-    phone = {};
-    phone.libraries = libraries;
-    EXPECT_EQ(appRecord("com.a.b").has_value(), found);
-    EXPECT_FALSE(appRecord("com.a") || appRecord("\xFF"));
-  }
+  const Ref list = has({.type = Object::array,
+                        .values = {item(text(u"A")), has({}), item(has({})), text(u"C"),
+                                   item(text(u"\xD800")), item(text(u"Ả.b"))}});
+  EXPECT_EQ(listed(0, list), CountAndGroups(6, {"A", "Ả.b"}));
+  EXPECT_EQ(listed(0, item(text(u"A"))), CountAndGroups(1, {}));
+  EXPECT_EQ(listed(0, nullptr), CountAndGroups(0, {}));
+  EXPECT_EQ(listed(kKeychainItemNotFound, list), CountAndGroups(0, {}));
 }
 
-TEST_F(Iphone, TakesOfARecordWhatItHas) {
-  phone.libraries = {{kLibrary, true}};
-  phone.record = {
-      {"dataContainerURL", url(u"/private/var/d")},
-      {"bundleURL", url(u"/b/Ả.app")},
-      {"teamID", text(u"T84")},
-      {"groupContainerURLs",
-       given({Object::dictionary, {}, {text(u"z"), text(u"a")}, {url(u"/z"), url(u"")}})}};
-  const auto record = appRecord("com.a.b");
-  ASSERT_TRUE(record);
-  EXPECT_EQ(record->dataContainer, "/private/var/d");
-  EXPECT_EQ(record->bundlePath, "/b/Ả.app");
-  EXPECT_EQ(record->teamIdentifier, "T84");
-  ASSERT_EQ(record->groups.size(), 2U);
-  EXPECT_EQ(record->groups[0].identifier, "z");
-  EXPECT_EQ(record->groups[0].path, "/z");
-  EXPECT_EQ(record->groups[1].path, std::nullopt);
-  // Properties that are unknown, empty or of another type are none.
-  for (const Object* value : {static_cast<const Object*>(nullptr), given({})}) {
-    phone.record = {{"dataContainerURL", value}, {"teamID", value}, {"groupContainerURLs", value}};
-    const auto poor = appRecord("com.a.b");
-    ASSERT_TRUE(poor);
-    EXPECT_FALSE(poor->dataContainer || poor->bundlePath || poor->teamIdentifier);
-    EXPECT_TRUE(poor->groups.empty());
+/// An app's record as found, in words.
+std::string recordOf(const std::string& bundleId) {
+  const auto record = appRecord(bundleId);
+  if (!record) return "none";
+  std::vector words{record->dataContainer, record->bundlePath, record->teamIdentifier};
+  for (const auto& [identifier, path] : record->groups)
+    words.insert(words.end(), {identifier, path});
+  std::string line;
+  for (const auto& word : words)
+    line += word.value_or("-") + " ";
+  return line;
+}
+
+TEST_F(Iphone, TakesOfARecordWhatItHasFromTheLibraryThatHasThem) {
+  const auto url = [](std::u16string path) { return has({Object::url, std::move(path)}); };
+  const Object groups{Object::dictionary, {}, {url(u"/z"), url(u"")}, {text(u"z"), text(u"a")}};
+  phone.record = {{"dataContainerURL", url(u"/private/var/d")},
+                  {"bundleURL", url(u"/b/Ả.app")},
+                  {"teamID", text(u"T84")},
+                  {"groupContainerURLs", has(groups)}};
+  const auto library = "/System/Library/Frameworks/CoreServices.framework/CoreServices"s;
+  const auto other = "/System/Library/Frameworks/MobileCoreServices.framework/MobileCoreServices"s;
+  phone.libraries = {library, "none that is asked for"};
+  EXPECT_EQ(recordOf("com.a.b"), "none");
+  for (const auto& libraries : {std::vector{library}, {other}, {library, other}}) {
+    phone.classLoaded = false;
+    phone.libraries = libraries;
+    EXPECT_EQ(recordOf("com.a.b"), "/private/var/d /b/Ả.app T84 z /z a - ");
   }
+  EXPECT_EQ(recordOf("com.a") + recordOf("\xFF"), "nonenone");
+  // Properties that the record does not know, has none of, or has of another type.
+  phone.record = {{"bundleURL", nullptr}, {"teamID", has({})}, {"groupContainerURLs", has({})}};
+  EXPECT_EQ(recordOf("com.a.b"), "- - - ");
+  phone.record["bundleURL"] = has({});
+  EXPECT_EQ(recordOf("com.a.b"), "- - - ");
 }
 
 TEST_F(Iphone, SearchesInTheUnitsOfThePlatform) {
@@ -349,7 +264,8 @@ TEST_F(Iphone, SearchesInTheUnitsOfThePlatform) {
       {"a", "", false},
       {"x\xFFy", "\xFFy", true},           // a byte that is not UTF-8 is itself...
       {"xÿy", "\xFF", false},              // ...and no character
-      {"\xC3", "\xC3", true},              // cut off within a character
+      {"é"sv.substr(0, 1), "\xC3", true},  // cut off within a character
+      {"\xC3(", "(", true},                // goes on as no character does
       {"\xC0\xAF/", "\xC0", true},         // overlong
       {"\xED\xA0\x80", "\xA0", true},      // half a surrogate pair
       {"\xF4\x90\x80\x80", "\x90", true},  // beyond Unicode
@@ -360,21 +276,15 @@ TEST_F(Iphone, SearchesInTheUnitsOfThePlatform) {
 }
 
 TEST_F(Iphone, FindsTheFirstMatchOrGivesUpCleanly) {
-  constexpr TextRange kNone = {99, 99};
-  const std::tuple<std::string, std::string, std::size_t, TextRange> rows[] = {
-      {"com.a.b", "^[A-Za-z0-9._-]+$", 7, {0, 7}},
-      {"a👍 việt", "\\x{1F44D} v.*", 8, {1, 7}},  // in UTF-16, as the platform counts
-      {"abc", "x", 3, kNone},
-      {"abc", "(", 3, kNone},
-      {"abc", "\xFF", 3, kNone},
-      {"a\xFF", "a", 2, kNone},
+  const auto match = [](std::string_view text, std::string_view pattern) {
+    const auto [length, range] = findFirstMatch(text, pattern);
+    const auto [start, matched] = range.value_or(TextRange{99, 99});
+    return std::vector{length, start, matched};
   };
-  for (const auto& [text, pattern, length, range] : rows) {
-    const FirstMatch match = findFirstMatch(text, pattern);
-    EXPECT_EQ(match.textLength, length) << text;
-    const TextRange got = match.range.value_or(kNone);
-    EXPECT_EQ(std::pair(got.start, got.length), std::pair(range.start, range.length)) << pattern;
-  }
+  EXPECT_EQ(match("a😀 việt", "\\x{1F600} v.*"), (std::vector{8UL, 1UL, 7UL})) << "in UTF-16";
+  for (const char* pattern : {"x", "(", "a|\xFF"})
+    EXPECT_EQ(match("abc", pattern), (std::vector{3UL, 99UL, 99UL})) << pattern;
+  EXPECT_EQ(match("a\xFF", "a"), (std::vector{2UL, 99UL, 99UL}));
 }
 
 }  // namespace

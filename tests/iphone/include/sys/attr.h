@@ -5,17 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 
-enum : std::uint32_t {
-  ATTR_BIT_MAP_COUNT = 5,
-  ATTR_CMN_NAME = 0x00000001,
-  ATTR_CMN_OBJTYPE = 0x00000008,
-  ATTR_CMN_ERROR = 0x20000000,
-  ATTR_CMN_RETURNED_ATTRS = 0x80000000,
-};
+enum : std::uint32_t { ATTR_CMN_NAME = 0x00000001, ATTR_CMN_OBJTYPE = 0x00000008 };
+enum : std::uint32_t { ATTR_CMN_ERROR = 0x20000000, ATTR_CMN_RETURNED_ATTRS = 0x80000000 };
+enum : std::uint16_t { ATTR_BIT_MAP_COUNT = 5 };
 
 struct attrlist {  // NOLINT(readability-identifier-naming)
-  std::uint16_t bitmapcount;
-  std::uint16_t reserved;
+  std::uint16_t bitmapcount, reserved;
   std::uint32_t commonattr, volattr, dirattr, fileattr, forkattr;
 };
 
