@@ -23,13 +23,15 @@ using Names = std::vector<std::string>;
 
 class TreesBeyondLimits : public Case {};
 
+/// With 64 descriptors and a stack of 256 KiB.
 void expectOk(const std::vector<std::string>& arguments) {
-  const Outcome outcome = cli(arguments, {.inChild = [] {
-                                const rlimit descriptors{64, 64};
-                                const rlimit stack{256 * 1024, 256 * 1024};
-                                ::setrlimit(RLIMIT_NOFILE, &descriptors);
-                                ::setrlimit(RLIMIT_STACK, &stack);
-                              }});
+  const RunOptions narrow{.inChild = [] {
+    const rlimit descriptors{64, 64};
+    const rlimit stack{1 << 18, 1 << 18};
+    ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    ::setrlimit(RLIMIT_STACK, &stack);
+  }};
+  const Outcome outcome = cli(arguments, narrow);
   EXPECT_EQ(outcome.status, 0) << outcome;
   EXPECT_EQ(outcome.err.find("incomplete"), std::string::npos) << outcome;
 }

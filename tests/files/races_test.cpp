@@ -202,6 +202,7 @@ void runAndMove(Body body, const std::string& root, const std::vector<int>& leve
       setOldTime(level(depth - 1, root), 1000000000 + depth - 1, depth - 1);
     }
   });
+  EXPECT_TRUE(moved);
   // Behind one that was moved its parent is found again by the names; not what was below another.
   const bool lost = root == kCopy && levels.size() > 1;
   EXPECT_EQ(status, lost ? kToldOfFailures : 0);

@@ -141,7 +141,7 @@ void setOldTime(const std::string& path, long seconds, long nanoseconds) {
 }
 
 std::string putApp(const std::string& folderName, std::string_view metadata) {
-  const std::string path = "/var/mobile/Containers/Data/Application/" + folderName;
+  std::string path = "/var/mobile/Containers/Data/Application/" + folderName;
   for (const char* name : {"Documents", "Library", "tmp", "SystemData"}) {
     put(path + "/" + name + "/kept-by-" + name, name);
   }
@@ -150,7 +150,7 @@ std::string putApp(const std::string& folderName, std::string_view metadata) {
 }
 
 std::string putGroup(const std::string& folderName, std::string_view metadata) {
-  const std::string path = "/var/mobile/Containers/Shared/AppGroup/" + folderName;
+  std::string path = "/var/mobile/Containers/Shared/AppGroup/" + folderName;
   put(path + "/" + kMetadataName, metadata);
   put(path + "/Library/shared.db", "shared");
   return path;
