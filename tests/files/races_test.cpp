@@ -137,11 +137,12 @@ std::string harmOf(Body body, Attack attack) {
 }
 
 class WhileFoldersChange : public RootCase {};
+using NamedBody = std::pair<const char*, Body>;
 class WhileAnAppSwapsItsFiles : public WhileFoldersChange,
-                                public ::testing::WithParamInterface<Body> {};
+                                public ::testing::WithParamInterface<NamedBody> {};
 
 TEST_P(WhileAnAppSwapsItsFiles, NothingOutsideIsTouched) {
-  const Body body = GetParam();
+  const Body body = GetParam().second;
   for (const Attack attack : {Attack::vanishes, Attack::byLink, Attack::byFolder, Attack::byFifo,
                               Attack::folderByLink, Attack::folderMoved}) {
     EXPECT_EQ(harmOf(body, attack), "") << static_cast<int>(attack);
@@ -153,7 +154,12 @@ TEST_P(WhileAnAppSwapsItsFiles, NothingOutsideIsTouched) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, WhileAnAppSwapsItsFiles,
-                         ::testing::Values(wipe, removalOfFiles, fullCopy, filteredCopy, restore));
+                         ::testing::Values(NamedBody{"wipe", wipe},
+                                           NamedBody{"removal", removalOfFiles},
+                                           NamedBody{"copy", fullCopy},
+                                           NamedBody{"filteredCopy", filteredCopy},
+                                           NamedBody{"restore", restore}),
+                         [](const auto& body) { return std::string(body.param.first); });
 
 void wipeByPath(const fs::path& path) {
   std::error_code gone;
