@@ -26,7 +26,9 @@ int openStream(Ends ends) {
 }
 
 std::string closeStream(int fd) {
-  const std::string text = contentOf("/proc/self/fd/" + std::to_string(fd));
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const bool took = std::filesystem::is_regular_file(path);
+  const std::string text = took ? contentOf(path) : "";
   ::close(fd);
   return text;
 }
