@@ -2,12 +2,13 @@
 
 #include "platform/keychain.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "fuzz/own_var.h"
@@ -19,12 +20,6 @@ namespace {
 
 constexpr const char* kFile = "/var/Keychains/keychain-2.db";
 constexpr const char* kGroup = "T84QZS65DQ.platformFamily";
-
-void writeFile(const void* data, size_t size) {
-  const int fd = open(kFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  require(write(fd, data, size) == static_cast<ssize_t>(size), "the file can be written");
-  close(fd);
-}
 
 /// A keychain in order, from which the others are made.
 std::string& sound() {
@@ -53,18 +48,17 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
                 keychain.add("idnt", kGroup, "identity"),
             "a keychain can be made");
   }
-  sound().resize(1 << 16);
-  const int fd = open(kFile, O_RDONLY | O_CLOEXEC);
-  sound().resize(static_cast<size_t>(read(fd, sound().data(), sound().size())));
-  close(fd);
+  std::ostringstream bytes;
+  bytes << std::ifstream(kFile, std::ios::binary).rdbuf();
+  sound() = bytes.str();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-  unlink("/var/Keychains/keychain-2.db-journal");
-  unlink("/var/Keychains/keychain-2.db-wal");
-  unlink("/var/Keychains/keychain-2.db-shm");
-  writeFile(data, size);
+  for (const char* beside : {"-journal", "-wal", "-shm"})
+    unlink((std::string(kFile) + beside).c_str());
+  std::ofstream(kFile, std::ios::binary)
+      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   for (const auto itemClass : morvane::KC_CLASSES) {
     const auto items = morvane::platform::listKeychainItems(itemClass, std::nullopt);
     require(items.count >= items.accessGroups.size(), "groups are of items");
