@@ -68,7 +68,7 @@ void carryOut(Attack attack, const std::string& path) {
   ::rename(path.c_str(), "/var/aside");
   if (attack == Attack::byHardLink) return (void)!::link(target.c_str(), path.c_str());
   if (attack == Attack::byLink) putLink(path, target);
-  if (attack == Attack::byFolder) put(path + "/planted");
+  if (attack == Attack::byFolder) put(path + "/planted", "inside");
   if (attack == Attack::byFifo) ::mkfifo(path.c_str(), 0600);
   (void)!::lchown(path.c_str(), kApp, kApp);
 }
@@ -103,7 +103,8 @@ void restore() {
 std::string harmDone(Body body, const Tree& before) {
   std::string harm = differences(before, outside());
   for (const auto& [path, words] : treeAt(kCopy)) {
-    if (words.find("OUTSIDE") != std::string::npos) harm += "read into " + path + "\n";
+    const bool isOther = words.starts_with("file") && !words.ends_with(" inside");
+    if (isOther) harm += "read into " + path + ": " + words + "\n";
   }
   for (const std::string& name : namesIn(kTree)) {
     const bool mustGo = body == wipe || (body == removalOfFiles && (name == "m" || name == "f"));
