@@ -34,7 +34,7 @@ lint:
 
 ## sweep         the tool killed at every system call, failed by every one, and cut off its power
 sweep:
-	@scripts/need build test
+	@scripts/need build test lint
 	@scripts/sweep
 
 ## fuzz          each fuzz target for a set time (FUZZ_SECONDS)
