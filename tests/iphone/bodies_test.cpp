@@ -27,8 +27,7 @@ using namespace std::literals;
 using namespace morvane::platform;  // NOLINT(google-build-using-namespace): under test here
 
 /// Whatever the platform refers to by a pointer.
-struct Object;
-using Ref = Object*;
+using Ref = struct Object*;
 struct Object {
   enum Type : unsigned long { other, string, array, dictionary, url } type = other;
   std::u16string text = {};  // a URL's is its path
@@ -181,7 +180,8 @@ namespace {
 class Iphone : public ::testing::Test {
   void TearDown() override {
     phone = {};
-    EXPECT_TRUE(std::ranges::all_of(objects, [](const Object& o) { return o.owners == 0; }));
+    for (Object& object : objects)
+      EXPECT_EQ(std::exchange(object.owners, 0), 0);
   }
 };
 
