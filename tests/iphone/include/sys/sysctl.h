@@ -4,23 +4,19 @@
 
 #include <sys/types.h>
 
-#include <cstddef>
-
 #define MAXCOMLEN 16
 
 enum { CTL_KERN = 1, KERN_PROC = 14, KERN_PROC_ALL = 0 };
 
-struct extern_proc {  // NOLINT(readability-identifier-naming)
-  char before[40];
-  pid_t p_pid;
-  char between[199];
-  char p_comm[MAXCOMLEN + 1];
-};
-
 struct kinfo_proc {  // NOLINT(readability-identifier-naming)
-  extern_proc kp_proc;
+  struct {
+    char before[40];
+    pid_t p_pid;
+    char between[199];
+    char p_comm[MAXCOMLEN + 1];
+  } kp_proc;
   char kp_eproc[388];
 };
 
-extern "C" int sysctl(const int* name, unsigned length, void* old, std::size_t* oldSize,
-                      const void* fresh, std::size_t freshSize);
+extern "C" int sysctl(const int* name, unsigned length, void* old, size_t* oldSize, void* fresh,
+                      size_t freshSize);
