@@ -98,9 +98,8 @@ TEST(Keywords, BecomeNeedles) {
   const std::pair<const char*, Names> rows[] = {
       {"Caches| Cookies |*.sqlite|/tmp/||*", {"Caches", "Cookies", ".sqlite", "tmp"}},
       {"| \t|\n*|/|**/|*/ *|/ /", {" ", " "}},  // trimmed before the "*" and "/" go, not after
-      {"b\na *|* a|\u3000a\u00a0", {"b", "a ", " a", "a"}},
+      {"b\na *|* a|\u3000a\u00a0|\ra\r|\u200bz", {"b", "a ", " a", "a", "\ra\r", "\u200bz"}},
       {"/a/b/|//a//b//|*/a/*|a,b*c*", {"a/b", "a//b", "a", "a,bc"}},
-      {"\ra\r|\u200bz", {"\ra\r", "\u200bz"}},
   };
   for (const auto& [keywords, needles] : rows)
     EXPECT_EQ(parseKeywordNeedles(keywords), needles) << keywords;
@@ -109,12 +108,10 @@ TEST(Keywords, BecomeNeedles) {
 TEST(Keywords, AreComparedAsPeopleReadThem) {
   const std::tuple<const char*, Names, Names> rows[] = {
       {"Caches/x.DB", {"caches", ".db"}, {"", "cachés"}},
-      {"ẢNH", {"ảnh", "a\u0309nh"}, {"anh"}},
       {"cafe\u0301s", {"caf", "café", "É"}, {"cafe"}},
       {"é", {"e\u0301"}, {"e", "\xc3"}},
       {"Ω K 한글 a\u0301\u0323", {"\u2126", "\u212a", "\u1112\u1161\u11ab", "a\u0323\u0301"}, {}},
       {"ΣΑΣ Straße", {"σας", "STRASSE"}, {}},
-      {"a\xff.db", {".DB", "\xff"}, {"\xfe"}},
   };
   for (const auto& [text, found, missed] : rows) {
     for (const std::string& needle : found)

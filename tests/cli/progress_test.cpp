@@ -88,9 +88,8 @@ TEST_F(APersonAtATerminal, SeesWhatIsDoneAndAnIntactLog) {
 TEST_F(APersonAtATerminal, IsNotAtTheMercyOfFileNamesOrOfANarrowWindow) {
   // Clears the screen, sets the title, turns the text round, is wide, is no UTF-8.
   const std::string hostile = "\x1b[2J\x1b]0;x\a\r\n\u202e\u009bm\U0001F600\u6f22\xff\xc3";
-  const std::string shown = R"(  \x1b[2J\x1b]0;x\x07\x0d\x0a\xe2\x80\xae\xc2\x9bm)"
-                            "\U0001F600\u6f22"
-                            R"(\xff\xc3)";
+  const std::string shown =
+      "  \\x1b[2J\\x1b]0;x\\x07\\x0d\\x0a\\xe2\\x80\\xae\\xc2\\x9bm\U0001F600\u6f22\\xff\\xc3";
   const std::string container = putApp("app", "com.a");
   putLargeFile(container + "/Documents/" + hostile);
   putLargeFile(container + "/Documents/" + std::string(250, 'w'));

@@ -36,48 +36,43 @@ ROWS = [
     ("removebackup ", "A", "ALL"),
     ("removebackup ALL ", "", ""),
 ]
-# Shows what a command line has become, in signs that nothing else shows.
-SHOWING = 'morvane_cli() { echo "<$*>"; }; '
+# Shows what a command line has become.
+SHOWING = 'morvane_cli() { echo "<$*>"; }\r'
 SHELLS = {
     "bash --norc --noprofile -i": ". completions/morvane_cli.bash",
-    "zsh -f -i": "fpath=($PWD/completions $fpath); autoload -Uz compinit && compinit -D; bindkey -e",
+    "zsh -f -i": "fpath=($PWD/completions $fpath); autoload -Uz compinit; compinit -D; bindkey -e",
 }
 
 
-class ShellsComplete(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(folder.cleanup)
-        phone = ["build/morvane_phone", "new", folder.name + "/phone"]
-        subprocess.run([*phone, "--app", "com.burbn.instagram", "--files", "1"], cwd=ROOT,
-                       check=True, stdout=subprocess.DEVNULL)
-        cls.inside = [phone[0], "run", phone[2], "--", "env", "TERM=dumb", "HOME=/var/tmp",
-                      "HISTFILE=/dev/null"]
-        cls.run_inside("bash", "-c", PREPARE)
+def run(*words, typed=""):
+    return subprocess.run(words, cwd=ROOT, input=typed, stdout=subprocess.PIPE, text=True,
+                          timeout=60, check=True).stdout
 
-    @classmethod
-    def run_inside(cls, *words, typed=""):
-        return subprocess.run([*cls.inside, *words], cwd=ROOT, input=typed, text=True, timeout=60,
-                              check=True, stdout=subprocess.PIPE).stdout
+
+class ShellsComplete(unittest.TestCase):
+    def setUp(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        run("build/morvane_phone", "new", f"{folder}/phone", "--app", "com.burbn.instagram")
+        self.inside = ["build/morvane_phone", "run", f"{folder}/phone", "--", "env", "TERM=dumb",
+                       "HOME=/var/tmp", "HISTFILE=/dev/null"]
+        run(*self.inside, "bash", "-c", PREPARE)
 
     def test_typing(self):
         """TAB gives as much as is certain, and a blank where that is the whole word."""
         expected = [line + (os.path.commonprefix(words.split()) or begun)
                     + (" ." if len(words.split()) == 1 else ".") for line, begun, words in ROWS]
+        keys = [f"morvane_cli {line}{begun}\t.\r" for line, begun, _ in ROWS]
         for shell, setup in SHELLS.items():
-            typed = "".join(f"morvane_cli {line}{begun}\t.\r" for line, begun, _ in ROWS)
-            # A terminal of its own.
-            seen = self.run_inside("script", "-qc", shell, "/dev/null",
-                                   typed=f"{SHOWING}{setup}\r{typed}exit\r")
+            seen = run(*self.inside, "script", "-qc", shell, "/dev/null",  # at its own terminal
+                       typed="".join([SHOWING, setup, "\r", *keys, "exit\r"]))
             self.assertEqual(re.findall(r"<([^<>$]*)>", seen), expected, shell)
 
     def test_fish(self):
         """It asks a terminal questions that only a real one answers, and completes without one."""
         for line, begun, words in ROWS:
             script = f"complete -C 'morvane_cli {line}{begun}'"
-            got = self.run_inside("fish", "--no-config", "-c",
-                                  f"source completions/morvane_cli.fish; {script}")
+            got = run(*self.inside, "fish", "--no-config", "-c",
+                      f"source completions/morvane_cli.fish; {script}")
             names = sorted(entry.split("\t")[0] for entry in got.splitlines())
             self.assertEqual(" ".join(names), words, script)
 

@@ -17,15 +17,13 @@ namespace morvane::test {
 namespace {
 
 using Names = std::vector<std::string>;
-using std::string_literals::operator""s;
 
 constexpr NameMatch kWhole = NameMatch::whole;
 constexpr NameMatch kPart = NameMatch::containing;
 
-const std::string kMobile = "/var/mobile/";
-const std::string kLib = kMobile + "Library/";
-const std::string kApp = kMobile + "Containers/Data/Application/app/";
-const std::string kGroup = kMobile + "Containers/Shared/AppGroup/group/";
+const std::string kLib = "/var/mobile/Library/";
+const std::string kApp = "/var/mobile/Containers/Data/Application/app/";
+const std::string kGroup = "/var/mobile/Containers/Shared/AppGroup/group/";
 
 /// Makes these files, and folders where a name ends in "/", in `folder`.
 void putAll(const std::string& folder, std::string_view names) {
@@ -104,7 +102,7 @@ TEST_F(FreshInstall, KeepsWhatTheFlagsProtect) {
 }
 
 TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
-  const std::tuple<std::string, const char*, bool> rows[] = {
+  const std::tuple<std::string, std::string, bool> rows[] = {
       {"/var/empty/", "com.a clear receipt=1", false},
       {kApp, "com.a clear sys=0", true},
       {kApp, "com.a clear appdata=0,receipt=1", false},
@@ -121,7 +119,7 @@ TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
     for (const std::string& container : {kApp, kGroup}) {
       if (exists(container)) put(container + kMetadataName, "group.com.a.");
     }
-    EXPECT_EQ(cliLine("reset "s + reset).status, found ? 0 : 1) << there << reset;
+    EXPECT_EQ(cliLine("reset " + reset).status, found ? 0 : 1) << there << reset;
   }
   putLink(kLib + "Caches/com.a", "/nowhere");
   EXPECT_EQ(cliLine("reset com.a clear").status, 1) << "nothing is there";
@@ -133,27 +131,22 @@ TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
 }
 
 TEST_F(FreshInstall, ClearsTheKeychainGroupsOfTheFamilies) {
-  const Names facebook{"T84QZS65DQ.platformFamily", "group.com.facebook.family",
-                       "group.com.facebook.Facebook", "group.com.facebook.msysstorage",
-                       "T84QZS65DQ.com.facebook.Facebook"};
-  const Names video{"group.com.zhiliaoapp.musically"};
-  const std::pair<const char*, Names> rows[] = {
-      {"com.facebook.Facebook", facebook},
-      {"com.facebook.Messenger", facebook},
-      {"com.facebook.Orca", facebook},
-      {"com.facebook.orca", {}},
-      {"com.facebook.Facebook2", {}},
-      {"com.burbn.instagram",
-       {"com.facebook.family", "group.com.burbn.instagram", "group.com.instagram.shared",
-        "T84QZS65DQ.platformFamily"}},
-      {"com.burbn.instagram.x", {}},
-      {"com.zhiliaoapp.musically", video},
-      {"com.zhiliaoapp.musically.x", {}},
-      {"com.ss.iphone.ugc.Awemelite", video},
-      {"com.ss.iphone.ugc.Ame", {}},
-  };
-  for (const auto& [bundle, groups] : rows)
-    EXPECT_EQ(kcGroupsForBundle(bundle), groups) << bundle;
+  const std::pair<Names, Names> rows[] = {
+      {{"T84QZS65DQ.platformFamily", "group.com.facebook.family", "group.com.facebook.Facebook",
+        "group.com.facebook.msysstorage", "T84QZS65DQ.com.facebook.Facebook"},
+       {"com.facebook.Facebook", "com.facebook.Messenger", "com.facebook.Orca"}},
+      {{"com.facebook.family", "group.com.burbn.instagram", "group.com.instagram.shared",
+        "T84QZS65DQ.platformFamily"},
+       {"com.burbn.instagram"}},
+      {{"group.com.zhiliaoapp.musically"},
+       {"com.zhiliaoapp.musically", "com.ss.iphone.ugc.Awemelite"}},
+      {{},
+       {"com.facebook.orca", "com.facebook.Facebook2", "com.burbn.instagram.x",
+        "com.zhiliaoapp.musically.x", "com.ss.iphone.ugc.Ame"}}};
+  for (const auto& [groups, bundles] : rows) {
+    for (const std::string& bundle : bundles)
+      EXPECT_EQ(kcGroupsForBundle(bundle), groups) << bundle;
+  }
 }
 
 /// Runs `action` among processes of these names, given between commas. Those that are left.
