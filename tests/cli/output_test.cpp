@@ -15,7 +15,6 @@
 namespace morvane::test {
 namespace {
 
-const std::string kData = "/var/mobile/Containers/Data/Application/";
 const std::string kStore = "/var/mobile/MorvaneBackups";
 
 // Commands with their status, and what they write; standard output has a ">" before each line.
@@ -24,9 +23,8 @@ $ restore one.morvane = 1
 RESTORE_FAIL: backup not found
 $ removebackup one.morvane = 1
 REMOVE_FAIL: not found
-$ backup com.none,com.bare one = 1
+$ backup com.none one = 1
 [morvane_cli] BACKUP_FAIL com.none: container not found
-[morvane_cli] BACKUP_FAIL com.bare: no Documents/Library to back up
 BACKUP_FAIL one.morvane: no app data backed up
 $ backup com.a,com.bare,com.none,com.a one kept-by-D|nothing = 0
 [morvane_cli] container backed up: com.a
@@ -68,12 +66,6 @@ $ reset com.zhiliaoapp.musically clear appdata=0,sys=0 = 0
 [morvane_cli] appdata wipe skipped (flag appdata=0) for com.zhiliaoapp.musically
 [morvane_cli] system-level wipe skipped (flag sys=0) for com.zhiliaoapp.musically
 > RESET_OK com.zhiliaoapp.musically
-$ reset com.a clear appdata=0,sys=0 = 1
-[morvane_cli] RESET com.a
-[morvane_cli] keychain: no group map for com.a (app lạ) — chỉ wipe container+system
-[morvane_cli] appdata wipe skipped (flag appdata=0) for com.a
-[morvane_cli] system-level wipe skipped (flag sys=0) for com.a
-> RESET_FAIL com.a: nothing found to reset
 )";
 
 class ControllersReadTheOutcome : public Case {};
@@ -81,7 +73,7 @@ class ControllersReadTheOutcome : public Case {};
 TEST_F(ControllersReadTheOutcome, LineByLineAndStreamByStream) {
   put(putApp("app", "bplist00\x01 com.a \x02") + "/StoreKit/receipt");
   putGroup("group-folder", "bplist00 group.com.a.shared\x01");
-  put(kData + "bare/" + kMetadataName, "com.bare");
+  put(std::string("/var/mobile/Containers/Data/Application/bare/") + kMetadataName, "com.bare");
   // Which apps a restore finds missing depends on the folders' names alone.
   putFolder(kStore + "/odd.morvane/com.bare");
   putFolder(kStore + "/odd.morvane/not installed");
@@ -95,11 +87,6 @@ TEST_F(ControllersReadTheOutcome, LineByLineAndStreamByStream) {
                std::regex_replace(outcome.out, std::regex("(.*\n)"), "> $1");
   }
   EXPECT_EQ(session, kSession);
-  runCommand({"sh", "-c", "rm -r $0 && touch $0", kStore});
-  EXPECT_TRUE(cliLine("backup com.a one")
-                  .err.ends_with("BACKUP_FAIL one.morvane: write không verify được "
-                                 "(err=/var/mobile/MorvaneBackups: Not a directory) — "
-                                 "kiểm tra trustcache/entitlement binary\n"));
 }
 
 TEST_F(ControllersReadTheOutcome, WhoeverListensAndHoweverPoorTheProcess) {
@@ -119,9 +106,9 @@ TEST_F(ControllersReadTheOutcome, WhoeverListensAndHoweverPoorTheProcess) {
       EXPECT_EQ(cli({"restore", "b.morvane"}, ends).status, 0);
       EXPECT_EQ(contentOf(app + "/Library/kept-by-Library"), "Library");
       EXPECT_EQ(cli({"reset"}, ends).status, 2);
-      EXPECT_EQ(modeOf(kStore + "/b.morvane/com.a"), 0755U);
     }
   }
+  EXPECT_EQ(modeOf(kStore + "/b.morvane/com.a"), 0755U);
 }
 
 }  // namespace

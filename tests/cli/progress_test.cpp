@@ -19,9 +19,9 @@
 namespace morvane::test {
 namespace {
 
-constexpr std::string_view kErase = "\r\x1b[K";
+const std::string kErase = "\r\x1b[K";
 
-/// What came to the terminal: what stays on it, and each state of the transient line.
+/// What came to the terminal: all of it, what stays, and each state of the transient line.
 struct Seen {
   int waitStatus = -1;
   std::string bytes;
@@ -35,7 +35,7 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   Seen seen;
   int terminal = -1;
   const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (pid == 0) ::_exit(::execl("/bin/sh", "sh", "-c", command.c_str(), MORVANE_CLI, nullptr));
+  if (pid == 0) execute({"sh", "-c", command, MORVANE_CLI});
   std::array<char, 65536> buffer{};
   for (ssize_t got = 0; (got = ::read(terminal, buffer.data(), buffer.size())) > 0;) {
     seen.bytes.append(buffer.data(), static_cast<size_t>(got));
@@ -45,17 +45,11 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   }
   ::waitpid(pid, &seen.waitStatus, 0);
   ::close(terminal);
-  // Between two erasures there is a state of the line, or whole lines that stay.
-  const std::regex erase(R"(\r\x1b\[K)");
-  std::sregex_token_iterator segment(seen.bytes.begin(), seen.bytes.end(), erase, -1);
-  for (; segment != std::sregex_token_iterator(); ++segment) {
-    const std::string text = *segment;
-    if (text.ends_with("\r\n")) {
-      seen.kept += std::regex_replace(text, std::regex("\r\n"), "\n");
-    } else if (!text.empty()) {
-      seen.lines.push_back(text);
-    }
-  }
+  // A state stands between two erasures, a line that stays between an erasure and its end.
+  const std::regex state(R"(\r\x1b\[K([^\r]+)(?=\r\x1b))");
+  seen.lines.assign(std::sregex_token_iterator(seen.bytes.begin(), seen.bytes.end(), state, 1), {});
+  const std::regex passing(R"(\r\x1b\[K([^\r]+(?=\r\x1b))?|\r)");
+  seen.kept = std::regex_replace(seen.bytes, passing, "");
   return seen;
 }
 
@@ -77,9 +71,8 @@ TEST_F(APersonAtATerminal, SeesWhatIsDoneAndAnIntactLog) {
       {"backup com.a,com.none,com.b daily", "backing up com.a"},
       {"backup com.a daily nothing-has-this-name", "  film"},
       {"restore daily.morvane", "restoring com.a"},
-      {"reset com.a clear receipt=1", "emptying the containers of com.a"},
-      {"removebackup ALL", "removing ALL"},
-  };
+      {"reset com.a clear", "emptying the containers of com.a"},
+      {"removebackup ALL", "removing ALL"}};
   for (const auto& [command, words] : commands) {
     const auto start = std::chrono::steady_clock::now();
     const Seen seen = runAtTerminal("exec $0 " + command);
@@ -94,16 +87,13 @@ TEST_F(APersonAtATerminal, SeesWhatIsDoneAndAnIntactLog) {
 
 TEST_F(APersonAtATerminal, IsNotAtTheMercyOfFileNamesOrOfANarrowWindow) {
   // Clears the screen, sets the title, turns the text round, is wide, is no UTF-8.
-  const std::string hostile =
-      "\x1b[2J\x1b]0;owned\a\r\n\xE2\x80\xAE\xC2\x9B"
-      "31m\xF0\x9F\x98\x80\xE6\xBC\xA2\xFF\xC3";
-  const std::string shown = R"(  \x1b[2J\x1b]0;owned\x07\x0d\x0a\xe2\x80\xae\xc2\x9b)"
-                            "31m\xF0\x9F\x98\x80\xE6\xBC\xA2"
-                            R"(\xff\xc3)";
+  const std::string hostile = "\x1b[2J\x1b]0;x\a\r\n\u202e\u009bm\U0001F600\u6f22\xff\xc3";
+  const std::string shown =
+      "  \\x1b[2J\\x1b]0;x\\x07\\x0d\\x0a\\xe2\\x80\\xae\\xc2\\x9bm\U0001F600\u6f22\\xff\\xc3";
   const std::string container = putApp("app", "com.a");
   putLargeFile(container + "/Documents/" + hostile);
   putLargeFile(container + "/Documents/" + std::string(250, 'w'));
-  for (const size_t columns : {200U, 80U, 25U, 2U, 1U}) {
+  for (const size_t columns : {200U, 25U, 2U, 1U}) {
     const Seen seen =
         runAtTerminal("stty cols " + std::to_string(columns) + "; exec $0 backup com.a daily");
     EXPECT_EQ(seen.lines.empty(), columns == 1);  // no room without moving to the next row
@@ -113,14 +103,10 @@ TEST_F(APersonAtATerminal, IsNotAtTheMercyOfFileNamesOrOfANarrowWindow) {
   }
 }
 
-TEST_F(APersonAtATerminal, WhoGaveItToSomeoneElseIsNotDisturbed) {
+TEST_F(APersonAtATerminal, KeepsItsPromptWhoeverHasItAndWhenTheRunIsInterrupted) {
   putLargeFile(putApp("app", "com.a") + "/Documents/film");
-  const Seen background = runAtTerminal("set -m; $0 backup com.a daily & wait");
-  EXPECT_EQ(background.bytes,
+  EXPECT_EQ(runAtTerminal("set -m; $0 backup com.a daily & wait").bytes,
             "[morvane_cli] container backed up: com.a\r\nBACKUP_OK daily.morvane\r\n");
-}
-
-TEST_F(APersonAtATerminal, WhoInterruptsGetsACleanLine) {
   const Seen seen = runAtTerminal("exec $0 reset com.a kill", "\x03");
   EXPECT_TRUE(WIFSIGNALED(seen.waitStatus) && WTERMSIG(seen.waitStatus) == SIGINT);
   EXPECT_TRUE(seen.bytes.ends_with(kErase)) << seen.bytes;

@@ -1,9 +1,13 @@
 // What a user would lose: an account, to traces that give the "fresh install" away; or somebody
-// else's data, to a reset that reaches too far.
+// else's data or running program, to a reset that reaches too far.
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
+
 #include "reset/keychain_groups.h"
+#include "reset/processes.h"
 #include "support/case.h"
 #include "support/command.h"
 #include "support/tree.h"
@@ -14,10 +18,12 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-const std::string kMobile = "/var/mobile/";
-const std::string kLib = kMobile + "Library/";
-const std::string kApp = kMobile + "Containers/Data/Application/app/";
-const std::string kGroup = kMobile + "Containers/Shared/AppGroup/group/";
+constexpr NameMatch kWhole = NameMatch::whole;
+constexpr NameMatch kPart = NameMatch::containing;
+
+const std::string kLib = "/var/mobile/Library/";
+const std::string kApp = "/var/mobile/Containers/Data/Application/app/";
+const std::string kGroup = "/var/mobile/Containers/Shared/AppGroup/group/";
 
 /// Makes these files, and folders where a name ends in "/", in `folder`.
 void putAll(const std::string& folder, std::string_view names) {
@@ -71,7 +77,6 @@ TEST_F(FreshInstall, KeepsWhatTheFlagsProtect) {
   const std::pair<std::string, std::string> leftBy[] = {
       {"com.a clear", "receipt"},
       {"com.a clear appdata=0", "receipt data snapshots"},
-      {"com.a clear sys=0,appdata=0", "receipt data snapshots traces"},
       {"com.a kill sys=0,appdata=0,receipt=1", "data traces"},
       {"com.a clear receipt=1,receipt=0,sys=0,appdata=1", "receipt traces"},
   };
@@ -97,11 +102,7 @@ TEST_F(FreshInstall, KeepsWhatTheFlagsProtect) {
 }
 
 TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
-  const struct {
-    std::string there;
-    std::string reset;
-    bool found;
-  } rows[] = {
+  const std::tuple<std::string, std::string, bool> rows[] = {
       {"/var/empty/", "com.a clear receipt=1", false},
       {kApp, "com.a clear sys=0", true},
       {kApp, "com.a clear appdata=0,receipt=1", false},
@@ -112,13 +113,13 @@ TEST_F(FreshInstall, IsReportedExactlyWhenSomethingWasFound) {
       {kLib + "WebKit/WebsiteData/x", "com.apple.mobilesafari clear", false},
       {kLib + "Cookies/Cookies.binarycookies", "com.apple.mobilesafari clear", true},
   };
-  for (const auto& row : rows) {
+  for (const auto& [there, reset, found] : rows) {
     runCommand({"sh", "-c", "rm -rf /var/mobile/*"});
-    putAll("", row.there);
+    putAll("", there);
     for (const std::string& container : {kApp, kGroup}) {
       if (exists(container)) put(container + kMetadataName, "group.com.a.");
     }
-    EXPECT_EQ(cliLine("reset " + row.reset).status, row.found ? 0 : 1) << row.there << row.reset;
+    EXPECT_EQ(cliLine("reset " + reset).status, found ? 0 : 1) << there << reset;
   }
   putLink(kLib + "Caches/com.a", "/nowhere");
   EXPECT_EQ(cliLine("reset com.a clear").status, 1) << "nothing is there";
@@ -138,14 +139,73 @@ TEST_F(FreshInstall, ClearsTheKeychainGroupsOfTheFamilies) {
         "T84QZS65DQ.platformFamily"},
        {"com.burbn.instagram"}},
       {{"group.com.zhiliaoapp.musically"},
-       {"com.zhiliaoapp.musically", "com.ss.iphone.ugc.Aweme", "com.ss.iphone.ugc.Awemelite"}},
+       {"com.zhiliaoapp.musically", "com.ss.iphone.ugc.Awemelite"}},
       {{},
        {"com.facebook.orca", "com.facebook.Facebook2", "com.burbn.instagram.x",
-        "com.zhiliaoapp.musically.x", "com.ss.iphone.ugc.Ame"}},
-  };
+        "com.zhiliaoapp.musically.x", "com.ss.iphone.ugc.Ame"}}};
   for (const auto& [groups, bundles] : rows) {
     for (const std::string& bundle : bundles)
       EXPECT_EQ(kcGroupsForBundle(bundle), groups) << bundle;
+  }
+}
+
+/// Runs `action` among processes of these names, given between commas. Those that are left.
+std::string survivors(const std::string& names, const std::function<void()>& action) {
+  std::vector<std::pair<std::string, pid_t>> bystanders;
+  for (const std::string_view name : splitAt(names, ',')) {
+    if (!name.empty()) bystanders.emplace_back(name, startBystander(std::string(name)));
+  }
+  action();
+  std::string left;
+  for (const auto& [name, pid] : bystanders) {
+    if (endBystander(pid)) left += (left.empty() ? "" : ",") + name;
+  }
+  return left;
+}
+
+TEST_F(FreshInstall, IsDisturbedByNoProcessOfTheAppAndStopsNoOther) {
+  const struct {
+    std::string_view needle;
+    NameMatch match;
+    std::string die, live;
+  } byName[] = {
+      {"instagram", kWhole, "Instagram,INSTAGRAM,Instagram", "instagramX,nstagram,insta"},
+      // Names that the kernel cuts alike: the sixteenth character tells.
+      {"a.bcd.instagramX", kWhole, "a.bcd.instagramX", "a.bcd.instagram,a.bcd.instagraX"},
+      {"com.burbn.instagram", kWhole, "com.burbn.instag,COM.BURBN.INSTAGXYZ", "com.burbn.instaX"},
+      {"Safari", kPart, "MobileSafari,xsAFARIx", "Safar,Safax"},
+      {"Service", kPart, "", "SafariViewService"},  // beyond the 16 that count
+      {"ÉA", kPart, "ÉAb", "éab"},                  // only ASCII letters fold
+      {"with blank) S 1", kWhole, "with blank) S 1", "with blank"},
+      {"", kPart, "", "instagram"},
+  };
+  for (const auto& row : byName) {
+    const auto kill = [&row] { killProcs(row.needle, row.match); };
+    EXPECT_EQ(survivors(row.die + "," + row.live, kill), row.live) << row.needle;
+  }
+  // By a reset, which gives the system time after it has stopped an app.
+  const struct {
+    std::string reset;
+    int seconds;
+    std::string die, live;
+  } byReset[] = {
+      {"com.burbn.instagram clear", 0, "securityd,secd", "Instagram"},
+      {"com.burbn.instagram kill", 1, "securityd,Instagram,com.burbn.instagram", "InstagramX"},
+      {"com.unknown.thing kill", 1, "thing", "securityd,secd,com.unknown"},
+      {"com.unknown.thing. kill sys=0", 1, "", "thing"},
+      {"com.apple.mobilesafari kill sys=0", 1, "mobilesafari,SafariViewService,XsafariX", "secd"},
+      {"com.apple.mobilesafari kill", 2, "mobilesafari", ""},
+      {"com.apple.mobilesafari clear", 1, "MobileSafari,SafariViewService", "XsafariX"},
+      {"com.apple.mobilesafari clear sys=0", 0, "", "MobileSafari,SafariViewService"},
+  };
+  for (const auto& row : byReset) {
+    const auto reset = [&row] {
+      const auto start = std::chrono::steady_clock::now();
+      EXPECT_NE(cliLine("reset " + row.reset).status, 2);
+      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+      EXPECT_EQ(static_cast<int>(took.count()), row.seconds) << row.reset;
+    };
+    EXPECT_EQ(survivors(row.die + "," + row.live, reset), row.live) << row.reset;
   }
 }
 
