@@ -122,10 +122,10 @@ FAILING(syscall, a)
     // clang-format on
     extern "C" int __real_close(int fd);
 extern "C" int __wrap_close(int fd) {
-  // A failure does not prevent it, and means nothing where nothing was written.
+  // Where something was written, it can fail as fsync does, and closes all the same.
   const bool written = (::fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY;
   const int result = __real_close(fd);
-  return written && failsNow(SYS_close, {static_cast<unsigned long>(fd)}) ? -1 : result;
+  return written && failsNow(SYS_fsync, {static_cast<unsigned long>(fd)}) ? -1 : result;
 }
 extern "C" int __wrap_nanosleep(const timespec*, timespec*) {
   return 0;

@@ -21,12 +21,11 @@ FaultyRun runFaulty(const std::vector<std::string>& arguments, const Fault& faul
     run.calls.push_back(call);
     if (atCall) atCall(call);
     if (call.number == SYS_exit_group) run.openAtEnd = openDescriptors(call.pid);
-    // Not close, which closes all the same: here a call that fails is not made.
     if (fault.kind == Fault::Kind::end && call.count == fault.at) {
       ::kill(call.pid, SIGKILL);
     } else if (call.number == SYS_clock_nanosleep) {
       call.answer(0);
-    } else if (fails(fault, call) && call.number != SYS_close) {
+    } else if (fails(fault, call)) {
       // brk has no error of its own: it answers where the break still is, brk(2).
       call.answer(call.number == SYS_brk ? 0 : -fault.error);
     }
