@@ -1,6 +1,10 @@
 // What a user would lose: the only copy, or files that a keyword was not meant to leave out.
 
+#include "backup/store.h"
+
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "backup/keywords.h"
 #include "platform/text.h"
@@ -136,6 +140,30 @@ TEST_F(BackupsAndRestores, HoldExactlyWhatTheFormatSays) {
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.b\ncom.a\ncom.b");
   EXPECT_EQ(modeOf(kStore), 0700U);
   EXPECT_EQ(modeOf(kDaily), 0700U);
+}
+
+TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
+  putApp("app", "com.a");
+  const std::string staging = ".staging_daily_" + std::to_string(::getpid());
+  // Left by a run of the same number that is dead; and held by one that is not.
+  put(kStore + "/" + staging + "/com.dead/x");
+  Staging first("daily");
+  EXPECT_EQ(Staging("daily").publish({"com.b"}), staging + ": Device or resource busy");
+  EXPECT_EQ(first.publish({"com.old"}), "");
+  EXPECT_EQ(namesIn(kStore), (Names{"daily.morvane", "daily.morvane/manifest.txt"}));
+  const auto backUpWhere = [](const std::string& path, long number, int error) {
+    const auto refuse = [&](const Call& call) {
+      if (call.number == number && call.path().ends_with(path)) call.answer(-error);
+    };
+    return cli({"backup", "com.a", "daily"}, {.atCall = refuse});
+  };
+  const Outcome unverified = backUpWhere("/daily.morvane/manifest.txt", SYS_newfstatat, ENOENT);
+  EXPECT_EQ(unverified.status, 1);
+  EXPECT_NE(unverified.err.find("(err=verify-read-back thất bại) — kiểm tra"), std::string::npos);
+  EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.old");
+  // A file system that cannot exchange two names.
+  EXPECT_EQ(backUpWhere("", SYS_renameat2, EINVAL).out, "BACKUP_OK daily.morvane\n");
+  EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.a");
 }
 
 TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {

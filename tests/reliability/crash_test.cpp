@@ -112,12 +112,19 @@ TEST_F(CrashImage, BackupIsWholeAtEveryMoment) {
   figure("power_cuts", found.size() + 2);
 }
 
-TEST_F(CrashImage, RestoreIsOnTheMediumWhenItIsReported) {
-  const FaultyRun run = runFaulty({"restore", "one.morvane"});
-  ASSERT_EQ(run.outcome.status, 0) << run.outcome;
-  const Tree restored = below(world(), kContainer);
-  EXPECT_TRUE(restored.contains("/Documents/folder/of one"));
-  EXPECT_EQ(differences(restored, below(afterPowerCut(), kContainer)), "");
+TEST_F(CrashImage, WhatIsReportedIsOnTheMedium) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"backup", kApp, "new"}, {"restore", "one.morvane"}}) {
+    Tree found;
+    const FaultyRun run = runFaulty(words, {}, [&](const Call& call) {
+      const bool reports = call.number == SYS_write && call.arguments[0] == STDOUT_FILENO;
+      if (reports) found = afterPowerCut();
+    });
+    ASSERT_EQ(run.outcome.status, 0) << run.outcome;
+    const Tree now = world();
+    for (const std::string& place : {kStore, kContainer})
+      EXPECT_EQ(differences(below(now, place), below(found, place)), "") << words[0];
+  }
 }
 
 // That these cases can fail: where the sync before the publishing does nothing, the backup is there

@@ -20,7 +20,6 @@ namespace morvane::test {
 
 const char* const kEnded = "refused_";
 const char* const kFailed = "layer_";
-const long kSwept = 3;
 
 namespace {
 

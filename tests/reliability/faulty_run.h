@@ -33,8 +33,6 @@ FaultyRun runFaulty(const std::vector<std::string>& arguments, const Fault& faul
 /// What the ways are called in the figures.
 extern const char* const kEnded;
 extern const char* const kFailed;
-/// How many of the commands are tried in this way.
-extern const long kSwept;
 
 /// Whether `fault` has this call fail.
 bool fails(const Fault& fault, const Call& call);

@@ -1,7 +1,8 @@
-// Each command, ended at every call it makes, and failing at every call that can fail. Of this file
-// there are two programs, one for each way of faulty_run.h.
+// Each command, ended at every point and failing at every call that can fail. Of this file there
+// are two programs, one for each way of faulty_run.h.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <cstring>
@@ -28,7 +29,7 @@ class Sweep : public Case, public ::testing::WithParamInterface<Command> {
     ASSERT_EQ(trespasses(command_, before_, after_), "");
   }
 
-  [[nodiscard]] std::string answerFaults(const FaultyRun& run) const;
+  [[nodiscard]] std::string answerFaults(const FaultyRun& run, const Fault& fault) const;
   [[nodiscard]] std::string tornFiles(const Fault& fault, const Tree& now) const;
   [[nodiscard]] std::string backupFaults(const FaultyRun& run, const Fault& fault,
                                          const Tree& now) const;
@@ -61,7 +62,7 @@ TEST_P(Sweep, EndedAnywhere) {
 }
 
 /// What is wrong with the answer after a run in which calls have failed; empty if nothing is.
-std::string Sweep::answerFaults(const FaultyRun& run) const {
+std::string Sweep::answerFaults(const FaultyRun& run, const Fault& fault) const {
   const Outcome& outcome = run.outcome;
   const bool outOfMemory = outcome.err.ends_with("[morvane_cli] out of memory\n");
   const std::string said = outcome.out + outcome.err;
@@ -70,9 +71,14 @@ std::string Sweep::answerFaults(const FaultyRun& run) const {
   if (outcome.status == 1 && said.find("_OK") != said.npos) return "failure called success";
   if (outcome.status == 1 && !outOfMemory && said.find(command_.failLine) == said.npos)
     return "failure without its line";
-  // A run that fails ends with its store and staging folder open.
-  const bool leaks = !outOfMemory && run.openAtEnd > undisturbed_.openAtEnd + 2;
-  return leaks ? "descriptors left open" : "";
+  // What fails ends where it is, with the store and the folder in hand still open.
+  const size_t allowed = outcome.status == 1 ? 2 : 0;
+  const bool leaks = !outOfMemory && run.openAtEnd > undisturbed_.openAtEnd + allowed;
+  if (leaks) return "descriptors left open";
+  const bool unsynced = undisturbed_.calls[fault.at - 1].number == SYS_syncfs &&
+                        fault.error == EIO && command_.name == "restore";
+  const bool told = outcome.err.find("container not synced: ") != said.npos;
+  return unsynced && !told ? "a failed sync not told of" : "";
 }
 
 /// The files that are neither as they were nor as they are to be.
@@ -99,7 +105,10 @@ std::string Sweep::backupFaults(const FaultyRun& run, const Fault& fault, const 
   const bool onAndOn = fault.kind == Kind::failFromThere;
   if (run.outcome.status != 0)
     return onAndOn && fromNew.empty() ? "" : differences(below(before_, kBackup), backup);
-  if (fault.error == ENOSPC || fault.error == EDQUOT) return "published though the store was full";
+  // That there is no room for an attribute says nothing of the room in the store, setxattr(2).
+  const bool attribute = undisturbed_.calls[fault.at - 1].number == SYS_fsetxattr && !onAndOn;
+  const bool full = (fault.error == ENOSPC || fault.error == EDQUOT) && !attribute;
+  if (full) return "published though the store was full";
   const std::string told = "copy incomplete for " + kApp + ": ";
   const size_t at = run.outcome.err.find(told);
   if (at == std::string::npos) return fromNew.empty() ? "" : "not told of: " + fromNew;
@@ -118,7 +127,7 @@ TEST_P(Sweep, EveryErrorAtEveryCall) {
         const FaultyRun run = runFaulty(command_.arguments, fault);
         const Tree now = world();
         std::string faults =
-            answerFaults(run) + trespasses(command_, before_, now) + tornFiles(fault, now);
+            answerFaults(run, fault) + trespasses(command_, before_, now) + tornFiles(fault, now);
         if (command_.name == "backup") faults += backupFaults(run, fault, now);
         ASSERT_EQ(faults, "") << "call " << at << " (" << call.number << ") fails "
                               << (kind == Kind::failOnce ? "once" : "and on") << " with "
@@ -128,11 +137,11 @@ TEST_P(Sweep, EveryErrorAtEveryCall) {
       }
     }
   }
+  EXPECT_GT(runs, 50U);
   figure(kFailed + command_.name, runs);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Sweep,
-                         ::testing::ValuesIn(commands().begin(), commands().begin() + kSwept),
+INSTANTIATE_TEST_SUITE_P(All, Sweep, ::testing::ValuesIn(commands()),
                          [](const auto& command) { return command.param.name; });
 
 }  // namespace

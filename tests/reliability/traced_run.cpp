@@ -10,7 +10,6 @@ namespace morvane::test {
 
 const char* const kEnded = "killed_";
 const char* const kFailed = "failed_";
-const long kSwept = 5;
 
 FaultyRun runFaulty(const std::vector<std::string>& arguments, const Fault& fault,
                     const AtCall& atCall) {

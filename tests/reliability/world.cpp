@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <filesystem>
 #include <iostream>
@@ -69,7 +70,8 @@ void fillWorld() {
   put(kContainer + "/Documents/big", std::string(200000, 'b'));
   put(kContainer + "/Documents/holes", "start");
   std::filesystem::resize_file(kContainer + "/Documents/holes", 300000);
-  putLink(kContainer + "/Library/link", "/nowhere");
+  putLink(kContainer + "/Documents/folder/link", "/nowhere");
+  EXPECT_EQ(::setxattr((kContainer + "/Documents/big").c_str(), "user.tag", "value", 5, 0), 0);
   const std::string library = "/var/mobile/Library/";
   for (const std::string& file :
        {kContainer + "/Documents/folder/deeper/file", kContainer + "/StoreKit/receipt",

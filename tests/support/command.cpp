@@ -72,11 +72,11 @@ Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
   return runCommand(arguments, options);
 }
 
-Outcome cliLine(std::string_view line, char separator) {
+Outcome cliLine(std::string_view line, char separator, const RunOptions& options) {
   std::vector<std::string> words;
   for (const std::string_view word : splitAt(line, separator))
     words.emplace_back(word);
-  return cli(words);
+  return cli(words, options);
 }
 
 pid_t startBystander(const std::string& name) {

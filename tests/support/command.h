@@ -41,7 +41,7 @@ Outcome runCommand(const std::vector<std::string>& words, const RunOptions& opti
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options = {});
 
 /// Likewise, its arguments being the pieces of `line` between the separators, empty ones included.
-Outcome cliLine(std::string_view line, char separator = ' ');
+Outcome cliLine(std::string_view line, char separator = ' ', const RunOptions& options = {});
 
 /// Becomes this program; does not come back.
 [[noreturn]] void execute(const std::vector<std::string>& words);

@@ -91,15 +91,6 @@ int follow(pid_t pid, const AtCall& atCall) {
   return status;
 }
 
-/// Only for x86-64: elsewhere a case that needs it fails.
-void changeRegister(pid_t pid, size_t offset, unsigned long value) {
-#ifdef __x86_64__
-  ::ptrace(PTRACE_POKEUSER, pid, offset, value);
-#else
-  FAIL() << "calls cannot be changed on this processor";
-#endif
-}
-
 }  // namespace
 
 std::string Call::path() const {
@@ -117,16 +108,24 @@ bool Call::opens() const {
   return number == SYS_openat || number == SYS_openat2;
 }
 
+#ifdef __x86_64__
 void Call::answer(long result) const {
-  changeRegister(pid, offsetof(user_regs_struct, orig_rax), ~0UL);  // skips the call, seccomp(2)
-  changeRegister(pid, offsetof(user_regs_struct, rax), static_cast<unsigned long>(result));
+  ::ptrace(PTRACE_POKEUSER, pid, offsetof(user_regs_struct, orig_rax), -1L);  // skipped, seccomp(2)
+  ::ptrace(PTRACE_POKEUSER, pid, offsetof(user_regs_struct, rax), result);
 }
-
 void Call::set(size_t argument, unsigned long value) const {
   constexpr size_t kArguments[] = {offsetof(user_regs_struct, rdi), offsetof(user_regs_struct, rsi),
                                    offsetof(user_regs_struct, rdx)};
-  changeRegister(pid, kArguments[argument], value);
+  ::ptrace(PTRACE_POKEUSER, pid, kArguments[argument], value);
 }
+#else
+void Call::answer(long) const {
+  FAIL() << "calls cannot be changed on this processor";
+}
+void Call::set(size_t, unsigned long) const {
+  answer(0);
+}
+#endif
 
 int runInChild(const Body& body, const AtCall& atCall, const Body& before) {
   const pid_t pid = ::fork();
