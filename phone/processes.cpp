@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <string_view>
 
 #include "phone/catalogue.h"
@@ -42,6 +43,23 @@ Result copyThisProgram() {
   return sent == 0 ? Result() : Result::failed("copy this program to", kProgram, error);
 }
 
+/// Waits until a process that was just started is seen under its own name and arguments, proc(5):
+/// posix_spawn comes back as soon as the old program's memory is let go, before the kernel has set
+/// up the new one.
+void awaitProgram(pid_t pid, const std::string& path) {
+  constexpr timespec kMoment = {0, 1000000};
+  const std::string file = "/proc/" + std::to_string(pid) + "/cmdline";
+  for (int moments = 0; moments < 2000; ++moments) {
+    std::string arguments(path.size(), '\0');
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool gone = fd < 0;
+    const ssize_t got = gone ? 0 : read(fd, arguments.data(), arguments.size());
+    if (!gone) close(fd);
+    if (gone || (got > 0 && arguments == path)) return;
+    nanosleep(&kMoment, nullptr);
+  }
+}
+
 Result start(const std::string& path) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -62,6 +80,7 @@ Result start(const std::string& path) {
   const int error = posix_spawn(&pid, path.c_str(), &actions, &attributes, arguments, environment);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
+  if (error == 0) awaitProgram(pid, path);
   return error == 0 ? Result() : Result::failed("start", path, error);
 }
 

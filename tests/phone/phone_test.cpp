@@ -81,8 +81,7 @@ TEST_F(Phone, RunsTheAppsAndDaemonsThatAResetKills) {
   const std::string names =
       "cat /proc/[0-9]*/comm >/var/tmp/names; LC_ALL=C sort /var/tmp/names | paste -sd ' '; ";
   const std::string apps = "org.example.FieldNotesCompanion,com.apple.mobilesafari";
-  // A program that starts is given its name a moment after its starter goes on.
-  EXPECT_EQ(shell("sleep 0.2; " + names + kReset + apps + " kill appdata=0 >&2; " + names).out,
+  EXPECT_EQ(shell(names + kReset + apps + " kill appdata=0 >&2; " + names).out,
             "Facebook FieldNotesCompa Instagram Messenger MobileSafari SafariViewServi SpringBoard "
             "launchd musically secd securityd sh\n"
             "Facebook Instagram Messenger SpringBoard launchd musically sh\n");
