@@ -29,8 +29,12 @@ const std::string& keychainFile() {
   return bytes;
 }
 
+/// How many items there are, asked once of each state of the files.
 std::string keychainItems() {
-  std::string words;
+  static std::map<std::string, std::string> known;
+  const std::string path = phone::kKeychainPath;
+  std::string& words = known[contentOf(path) + contentOf(path + "-journal")];
+  if (!words.empty()) return words;
   for (const auto itemClass : {platform::ItemClass::genericPassword, platform::ItemClass::key})
     words += std::to_string(platform::listKeychainItems(itemClass, kAccessGroup).count) + " ";
   return words;
@@ -78,7 +82,7 @@ void fillWorld() {
         library + "Caches/" + kApp + "/entry", library + "Cookies/" + kApp + ".binarycookies",
         library + "BulletinBoard/folder/" + kApp + ".data", library + "Caches/com.example.other"})
     put(file);
-  put("/var/Keychains/keychain-2.db", keychainFile());
+  put(phone::kKeychainPath, keychainFile());
   for (const std::string mark : {"one", "other"}) {
     const std::string backup = kStore + "/" + mark + ".morvane/";
     put(backup + "manifest.txt", kApp);
@@ -86,8 +90,9 @@ void fillWorld() {
       put(backup + kApp + file + "of " + mark, mark);
     putLink(backup + kApp + "/Documents/link", mark);
   }
-  for (const auto& [path, words] : treeAt("/var"))
-    setOldTime("/var/" + path);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator("/var"))
+    setOldTime(entry.path());
+  setOldTime("/var");
 }
 
 Tree world(const std::string& root) {
@@ -112,7 +117,15 @@ Tree below(const Tree& tree, const std::string& path) {
 }
 
 const std::vector<Command>& commands() {
+  // The longest first, so that the shorter ones are done beside it.
   static const std::vector<Command> all = {
+      {"reset",
+       {"reset", kApp, "kill", "receipt=1"},
+       {kContainer + "/Documents", kContainer + "/Library", kContainer + "/tmp",
+        kContainer + "/SystemData", kContainer + "/StoreKit",
+        "/var/mobile/Containers/Shared/AppGroup/G/Library", "/var/mobile/Library", "keychain"},
+       "RESET_OK com.burbn.instagram\n",
+       "RESET_FAIL com.burbn.instagram: nothing found to reset\n"},
       {"backup", {"backup", kApp, "one"}, {kBackup}, "BACKUP_OK one.morvane\n", "BACKUP_FAIL one."},
       {"restore",
        {"restore", "one.morvane"},
@@ -124,14 +137,7 @@ const std::vector<Command>& commands() {
        {kBackup},
        "REMOVE_OK one.morvane\n",
        "REMOVE_FAIL"},
-      {"removeAll", {"removebackup", "ALL"}, {kStore}, "REMOVE_OK ALL\n", "REMOVE_FAIL"},
-      {"reset",
-       {"reset", kApp, "kill", "receipt=1"},
-       {kContainer + "/Documents", kContainer + "/Library", kContainer + "/tmp",
-        kContainer + "/SystemData", kContainer + "/StoreKit",
-        "/var/mobile/Containers/Shared/AppGroup/G/Library", "/var/mobile/Library", "keychain"},
-       "RESET_OK com.burbn.instagram\n",
-       "RESET_FAIL com.burbn.instagram: nothing found to reset\n"}};
+      {"removeAll", {"removebackup", "ALL"}, {kStore}, "REMOVE_OK ALL\n", "REMOVE_FAIL"}};
   return all;
 }
 
