@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
-#include <regex>
+#include <sstream>
 
 #include "support/case.h"
 #include "support/command.h"
@@ -83,8 +83,10 @@ TEST_F(ControllersReadTheOutcome, LineByLineAndStreamByStream) {
     if (!line.starts_with("$")) continue;
     const std::string command(line.substr(2, line.rfind(" = ") - 2));
     const Outcome outcome = cliLine(command);
-    session += "$ " + command + " = " + std::to_string(outcome.status) + "\n" + outcome.err +
-               std::regex_replace(outcome.out, std::regex("(.*\n)"), "> $1");
+    session += "$ " + command + " = " + std::to_string(outcome.status) + "\n" + outcome.err;
+    std::istringstream out(outcome.out);
+    for (std::string shown; std::getline(out, shown);)
+      session += "> " + shown + "\n";
   }
   EXPECT_EQ(session, kSession);
 }

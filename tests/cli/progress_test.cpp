@@ -9,7 +9,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <regex>
 
 #include "support/case.h"
 #include "support/command.h"
@@ -35,7 +34,7 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   Seen seen;
   int terminal = -1;
   const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (pid == 0) execute({"sh", "-c", command, MORVANE_CLI});
+  if (pid == 0) execute({"sh", "-c", command, kCli});
   std::array<char, 65536> buffer{};
   for (ssize_t got = 0; (got = ::read(terminal, buffer.data(), buffer.size())) > 0;) {
     seen.bytes.append(buffer.data(), static_cast<size_t>(got));
@@ -46,10 +45,14 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   ::waitpid(pid, &seen.waitStatus, 0);
   ::close(terminal);
   // A state stands between two erasures, a line that stays between an erasure and its end.
-  const std::regex state(R"(\r\x1b\[K([^\r]+)(?=\r\x1b))");
-  seen.lines.assign(std::sregex_token_iterator(seen.bytes.begin(), seen.bytes.end(), state, 1), {});
-  const std::regex passing(R"(\r\x1b\[K([^\r]+(?=\r\x1b))?|\r)");
-  seen.kept = std::regex_replace(seen.bytes, passing, "");
+  for (size_t from = 0, end = 0; end != std::string::npos; from = end + kErase.size()) {
+    end = seen.bytes.find(kErase, from);
+    const std::string piece = seen.bytes.substr(from, end - from);
+    const bool passing = from > 0 && end != std::string::npos && piece.find('\r') == piece.npos;
+    if (!passing) seen.kept += piece;
+    if (passing && !piece.empty()) seen.lines.push_back(piece);
+  }
+  std::erase(seen.kept, '\r');
   return seen;
 }
 

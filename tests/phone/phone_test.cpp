@@ -26,7 +26,7 @@ using phone::kKeychainPath;
 using Json = nlohmann::json;
 using Words = std::vector<std::string>;
 
-const std::string kReset = "'" MORVANE_CLI "' reset ";
+const std::string kReset = "'"s + kCli + "' reset ";
 
 class Phone : public Case {
  protected:
@@ -48,7 +48,7 @@ class Phone : public Case {
   std::string dir;
   int phones = 0;
   Words starter;  // runs the command; nothing: directly
-  std::string tool = MORVANE_PHONE;
+  std::string tool = kPhone;
 };
 
 TEST_F(Phone, LosesByAResetWhatIsTheAppsAndWithinReachAndNothingElse) {
@@ -151,8 +151,8 @@ TEST_F(Phone, WorksForAnOrdinaryUser) {
   // The tools may have been built where only root may go.
   tool = caseFolder() + "/morvane_phone";
   const std::string cli = caseFolder() + "/morvane_cli";
-  std::filesystem::copy_file(MORVANE_PHONE, tool);
-  std::filesystem::copy_file(MORVANE_CLI, cli);
+  std::filesystem::copy_file(kPhone, tool);
+  std::filesystem::copy_file(kCli, cli);
   make({"--files", "1"});
   const std::string log = " clear 2>&1 | grep -o -e left=.* -e ^RESET.*";
   EXPECT_EQ(shell("'" + cli + "' reset com.burbn.instagram" + log).out,

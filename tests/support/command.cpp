@@ -14,6 +14,10 @@
 #include "text/pieces.h"
 
 namespace morvane::test {
+
+const char* const kCli = MORVANE_CLI;
+const char* const kPhone = MORVANE_PHONE;
+
 namespace {
 
 /// What a command writes one of its streams to: a file in memory, or something that takes nothing.
@@ -68,7 +72,7 @@ Outcome runCommand(const std::vector<std::string>& words, const RunOptions& opti
 }
 
 Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
-  arguments.insert(arguments.begin(), MORVANE_CLI);
+  arguments.insert(arguments.begin(), kCli);
   return runCommand(arguments, options);
 }
 

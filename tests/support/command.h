@@ -11,6 +11,10 @@
 
 namespace morvane::test {
 
+/// The built tools.
+extern const char* const kCli;
+extern const char* const kPhone;
+
 /// How one run of a command ended and what it wrote. `status` is the exit status, or 128 + the
 /// signal that ended it.
 struct Outcome {
