@@ -36,7 +36,7 @@ bool copyKeptFolders(const std::string& container, int appFd, const BackupRun& r
     const Place source{AT_FDCWD, container + "/" + folder};
     const Place destination{appFd, folder};
     if (!openFolderTrustingAt(source.dirFd, source.path)) {
-      (void)tally.noteUnopened(errno);
+      hadData = tally.noteUnopened(errno) || hadData;  // it is there, all the same
       continue;
     }
     hadData = true;

@@ -11,7 +11,7 @@ namespace morvane {
 void doRemoveBackup(const std::string& target) {
   progress::startStep("removing", target);
   if (target == kAllBackups) {
-    wipeDirContents(kBackupRoot);
+    removeAllBackups();
   } else if (!removeIfExists(std::string(kBackupRoot) + "/" + target)) {
     results::removeFailNotFound();
     endProcess(ExitStatus::failed);

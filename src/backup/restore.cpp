@@ -1,7 +1,10 @@
 #include "backup/restore.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <optional>
 
@@ -21,6 +24,15 @@
 namespace morvane {
 namespace {
 
+/// Whether the folder at `path` holds the one open at `fd`, however far below.
+bool holds(const std::string& path, int fd) {
+  const UniqueFd folder = openFolderTrusting(path);
+  struct stat status;
+  if (!folder || fstat(folder.get(), &status) != 0) return false;
+  const std::vector<FolderId> lineage = lineageOf(fd);
+  return std::find(lineage.begin(), lineage.end(), FolderId(status)) != lineage.end();
+}
+
 /// Replaces the app's kept folders by those in its folder of the backup. False where it has none.
 bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
   bool restored = false;
@@ -29,9 +41,14 @@ bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
       if (errno != ENOENT) tally.note({errno, platform::CopySide::source});
       continue;
     }
-    // What the app has now is not given up for what cannot be read.
+    // What the app has now is not given up for what cannot be read; nor is the backup, where the
+    // store is in the app's folder.
     if (!openFolderTrustingAt(appFd, folder) && tally.noteUnopened(errno)) continue;
     const std::string target = container + "/" + folder;
+    if (holds(target, appFd)) {
+      tally.note({EINVAL, platform::CopySide::destination});
+      continue;
+    }
     wipeDirContents(target);
     copyTreeReplacing({appFd, folder}, {AT_FDCWD, target}, tally, copyProgress());
     restored = true;

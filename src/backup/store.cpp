@@ -16,7 +16,13 @@ namespace morvane {
 namespace {
 
 constexpr mode_t kPrivate = S_IRWXU;
+constexpr const char* kStagingPrefix = ".staging_";
 constexpr int kPublishAttempts = 16;  // each fails only if another run published meanwhile
+
+/// Takes the lock by which a run holds its staging folder. False where another process has it.
+bool lockFolder(int fd) {
+  return flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
 
 std::string joinedByLineFeed(const std::vector<std::string>& texts) {
   std::string result;
@@ -38,7 +44,7 @@ std::string StoreError::text() const {
 }
 
 Staging::Staging(const std::string& backupName)
-    : stagingName_(".staging_" + backupName + "_" + std::to_string(getpid())),
+    : stagingName_(kStagingPrefix + backupName + "_" + std::to_string(getpid())),
       finalName_(backupFolderName(backupName)),
       store_(makeFoldersAt(AT_FDCWD, kBackupRoot)) {
   if (!store_) {
@@ -60,7 +66,7 @@ void Staging::makeStaging() {
   const bool existed = existsAt(store_.get(), stagingName_.c_str());
   folder_ = makeFolderAt(store_.get(), stagingName_.c_str(), kPrivate);
   if (!folder_) return fail(errno);
-  if (flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return fail(EBUSY);
+  if (!lockFolder(folder_.get())) return fail(EBUSY);
   if (!isAt(stagingName_)) return fail(EBUSY);
   if (!existed) return;
   removeContents(folder_.get());
@@ -142,6 +148,18 @@ bool Staging::isAt(const std::string& name) const {
   const std::optional<struct stat> there = statusAt(store_.get(), name.c_str());
   if (!there || fstat(folder_.get(), &ours) != 0) return false;
   return there->st_dev == ours.st_dev && there->st_ino == ours.st_ino;
+}
+
+void removeAllBackups() {
+  const UniqueFd store = openFolderTrusting(kBackupRoot);
+  if (!store) return;
+  for (const std::string& name : namesIn(store.get())) {
+    // Held while its folder goes, the lock also keeps a run from beginning in it.
+    const UniqueFd staging =
+        name.starts_with(kStagingPrefix) ? openFolderAt(store.get(), name.c_str()) : UniqueFd();
+    const bool inUse = staging && !lockFolder(staging.get());
+    if (!inUse) (void)removeEntryAt(store.get(), name.c_str());
+  }
 }
 
 int syncFailure(int error) {

@@ -68,6 +68,10 @@ class Staging {
   bool exchanged_ = false;
 };
 
+/// Removes all that is in the store but the staging folders of runs that are still at work: their
+/// backups are made after this.
+void removeAllBackups();
+
 /// What the errno of a sync says of the data: 0 where it only says that the file system has nothing
 /// of the kind.
 [[nodiscard]] int syncFailure(int error);

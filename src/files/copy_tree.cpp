@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <vector>
 
 #include "files/open.h"
@@ -33,7 +35,8 @@ CopyOutcome sourceFailure() {
 
 class Copier : public TreeVisitor {
  public:
-  Copier(int dst, const CopyOptions& options, CopyTally& tally) : options_(options), tally_(tally) {
+  Copier(int dst, const CopyOptions& options, CopyTally& tally)
+      : options_(options), tally_(tally), dstLineage_(lineageOf(dst)) {
     place_.start(dst);
   }
 
@@ -57,7 +60,7 @@ class Copier : public TreeVisitor {
   Descend enteredFolder(const char* name, int fd) override {
     struct stat status;  // before the folder is read, which is an access that its times tell
     CopyOutcome made{ESTALE, CopySide::source};
-    if (inStep()) made = fstat(fd, &status) == 0 ? makeFolder(name) : sourceFailure();
+    if (inStep()) made = fstat(fd, &status) == 0 ? makeCopyOf(status, name) : sourceFailure();
     tally_.note(made);
     if (!made.ok()) return Descend::no;
     statuses_.push_back(status);
@@ -144,6 +147,13 @@ class Copier : public TreeVisitor {
     return {platform::setTimes(folder.get(), *link), CopySide::destination};
   }
 
+  /// No folder is copied into itself: that would have no end.
+  CopyOutcome makeCopyOf(const struct stat& folder, const char* name) {
+    const auto end = dstLineage_.end();
+    if (std::find(dstLineage_.begin(), end, FolderId(folder)) == end) return makeFolder(name);
+    return {EINVAL, CopySide::source};
+  }
+
   CopyOutcome makeFolder(const char* name) {
     bool made = mkdirat(place_.current(), name, kPrivateFolder) == 0;
     if (!made && errno == EEXIST && replaces()) {
@@ -161,6 +171,7 @@ class Copier : public TreeVisitor {
 
   const CopyOptions& options_;
   CopyTally& tally_;
+  const std::vector<FolderId> dstLineage_;
   DirStack place_;                     // in the destination
   std::vector<struct stat> statuses_;  // of the source's folders on the way down, without the root
 };

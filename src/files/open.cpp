@@ -137,6 +137,20 @@ bool isPrivateFolder(int fd) {
          (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
+std::vector<FolderId> lineageOf(int fd) {
+  std::vector<FolderId> lineage;
+  UniqueFd opened;
+  struct stat status;
+  while (fstat(fd, &status) == 0) {
+    const FolderId folder(status);
+    if (!lineage.empty() && lineage.back() == folder) break;  // the root holds itself
+    lineage.push_back(folder);
+    opened = openFolderAt(fd, "..");
+    fd = opened.get();
+  }
+  return lineage;
+}
+
 std::optional<struct stat> statusAt(int dirFd, const char* name) {
   struct stat status;
   if (fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;

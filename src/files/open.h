@@ -60,6 +60,18 @@ namespace morvane {
 /// Whether that something is a folder, links followed.
 [[nodiscard]] bool isFolderAt(int dirFd, const char* name);
 
+/// Which folder it is, whatever it is called.
+struct FolderId {
+  dev_t device;
+  ino_t inode;
+
+  explicit FolderId(const struct stat& status) : device(status.st_dev), inode(status.st_ino) {}
+  friend bool operator==(const FolderId&, const FolderId&) = default;
+};
+
+/// The folder open at `fd` and those that hold it, upwards, as far as they can be opened.
+[[nodiscard]] std::vector<FolderId> lineageOf(int fd);
+
 /// The names in the folder open at `fd`, in listing order; as many as can be read.
 [[nodiscard]] std::vector<std::string> namesIn(int fd);
 
