@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "support/tree.h"
 
@@ -27,20 +26,6 @@ Tree world(const std::string& root = "/var");
 /// What `tree` holds at and below `path`, by the rest of the path, without the folders' times: that
 /// something was made or removed in a folder changes its own.
 Tree below(const Tree& tree, const std::string& path);
-
-/// A command, what of the phone it may change, and how its result line begins.
-struct Command {
-  std::string name;
-  std::vector<std::string> arguments;
-  std::vector<std::string> mayChange;
-  std::string okLine;
-  std::string failLine;
-};
-const std::vector<Command>& commands();
-void PrintTo(const Command& command, std::ostream* stream);  // GoogleTest's name for it
-
-/// What `command` had no business to change between two states of the phone, in words.
-std::string trespasses(const Command& command, Tree before, Tree after);
 
 /// Prints one of the figures that are published.
 void figure(const std::string& name, size_t value);
