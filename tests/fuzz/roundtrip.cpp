@@ -46,43 +46,33 @@ void makeTree(const fs::path& root, FuzzedDataProvider& input) {
     const fs::path path = folder / nameFrom(input);
     if (kind == 0 && folder != root) folder = folder.parent_path();
     if (kind <= 2 && !fs::exists(fs::symlink_status(path))) makeFile(path, input);
-    if (kind == 3 && (fs::create_directory(path, taken) || fs::is_directory(path, taken)) &&
-        !fs::is_symlink(path))
-      folder = path;
+    if (kind == 3 && fs::create_directory(path, taken)) folder = path;
     if (kind == 4) fs::create_symlink(nameFrom(input), path, taken);
     if (kind == 5) (void)mkfifo(path.c_str(), 0600);
   }
 }
 
-/// What is below `root`, by relative path, but for what no backup holds.
-Tree treeAt(const fs::path& root) {
-  Tree tree;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
-    std::ostringstream words;
-    if (entry.is_symlink()) {
-      words << "link " << fs::read_symlink(entry.path()).string();
-    } else if (entry.is_directory()) {
-      words << "folder";
-    } else if (entry.is_regular_file()) {
-      words << "file " << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-    } else {
-      continue;
-    }
-    tree[entry.path().lexically_relative(root)] = words.str();
-  }
-  return tree;
+std::string wordsOf(const fs::directory_entry& entry) {
+  if (entry.is_symlink()) return "link " + fs::read_symlink(entry.path()).string();
+  if (entry.is_directory()) return "folder";
+  if (!entry.is_regular_file()) return "special";
+  std::ostringstream content;
+  content << "file " << std::ifstream(entry.path(), std::ios::binary).rdbuf();
+  return content.str();
 }
 
-/// What of `tree`, found at `root`, a backup that leaves out `needles` must hold.
-Tree filtered(Tree tree, const fs::path& root, const std::vector<std::string>& needles) {
-  std::erase_if(tree, [&](const auto& entry) {
-    return std::ranges::any_of(needles, [&](const std::string& needle) {
-      return platform::containsIgnoringCase(entry.first, needle);
-    });
-  });
+/// What a backup that leaves out `needles` must hold of what is below `root`, by relative path.
+Tree treeAt(const fs::path& root, const std::vector<std::string>& needles = {}) {
+  Tree tree;
   std::error_code unresolved;
-  for (auto& [path, words] : tree) {
-    if (!needles.empty() && fs::is_directory(root / path, unresolved)) words = "folder";
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+    const std::string path = entry.path().lexically_relative(root);
+    const auto isIn = [&](const std::string& needle) {
+      return platform::containsIgnoringCase(path, needle);
+    };
+    const bool folder = !needles.empty() && entry.is_directory(unresolved);
+    const std::string words = folder ? "folder" : wordsOf(entry);
+    if (words != "special" && std::ranges::none_of(needles, isIn)) tree[path] = words;
   }
   return tree;
 }
@@ -102,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
   const Place app{AT_FDCWD, "/var/app/Documents"};
   const Place backup{AT_FDCWD, "/var/backup/Documents"};
   makeTree(app.path, input);
-  const Tree expected = filtered(treeAt(app.path), app.path, needles);
+  const Tree expected = treeAt(app.path, needles);
   CopyTally tally;
   needles.empty() ? copyTreeReplacing(app, backup, tally)
                   : copyTreeFiltered(app, backup, needles, tally);
