@@ -1,10 +1,11 @@
-// The search under the keyword filter, against ICU's own comparison of every stretch of the text.
+// The keyword filter, which looks at the end of a path only, against the whole path; and the search
+// under it against ICU's own comparison of every stretch of the text.
+
+#include "backup/keywords.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unicode/normlzr.h>
 #include <unicode/uchar.h>
-
-#include <algorithm>
 
 #include "fuzz/own_var.h"
 #include "platform/text.h"
@@ -12,6 +13,7 @@
 namespace {
 
 using icu::UnicodeString;
+using morvane::platform::containsIgnoringCase;
 
 /// `utf8` decomposed; bogus for what is not UTF-8.
 UnicodeString decompose(const std::string& utf8) {
@@ -43,16 +45,37 @@ bool icuFinds(const UnicodeString& text, const UnicodeString& needle) {
   return false;
 }
 
+void checkSearch(const std::string& text, const std::string& needle) {
+  const UnicodeString wideNeedle = decompose(needle);
+  const UnicodeString wideText = decompose(text);
+  if (wideNeedle.isBogus() || wideText.isBogus()) return;
+  require(containsIgnoringCase(text, needle) == icuFinds(wideText, wideNeedle),
+          "the search finds what ICU finds");
+}
+
+void checkFilter(const std::string& path, const std::string& needle) {
+  morvane::KeywordFilter filter({needle});
+  bool found = false;
+  for (size_t from = 0; from <= path.size() && !found;) {
+    const size_t end = std::min(path.find('/', from), path.size());
+    const std::string name = path.substr(from, end - from);
+    found = containsIgnoringCase(path.substr(0, end), needle);
+    require(filter.leavesOut(name.c_str()) == found,
+            "the end of a path tells as much as all of it");
+    filter.enterFolder(name.c_str());
+    from = end + 1;
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
-  FuzzedDataProvider input(data, std::min<size_t>(size, 80));
-  const std::string needle = input.ConsumeRandomLengthString(40);
-  const std::string text = input.ConsumeRemainingBytesAsString();
-  const UnicodeString wideNeedle = decompose(needle);
-  const UnicodeString wideText = decompose(text);
-  if (wideNeedle.isEmpty() || wideNeedle.isBogus() || wideText.isBogus()) return 0;
-  require(morvane::platform::containsIgnoringCase(text, needle) == icuFinds(wideText, wideNeedle),
-          "the search finds what ICU finds");
+  FuzzedDataProvider input(data, size);
+  const std::string needle = morvane::keywordToNeedle(input.ConsumeRandomLengthString(40));
+  std::string text = input.ConsumeRandomLengthString(400);
+  std::erase(text, '\0');  // no path has one
+  if (needle.empty()) return 0;
+  checkFilter(text, needle);
+  if (text.size() < 80) checkSearch(text, needle);
   return 0;
 }
