@@ -88,7 +88,7 @@ using morvane::test::failsNow;
 
 // What a process has freed is copied at each fork as long as the sanitizer keeps it. What it has
 // not freed goes with it; to look for that takes a third of the time. Of new and delete, only new
-// is ours.
+// is ours: they do not match.
 extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's name
   return "quarantine_size_mb=1:detect_leaks=0:alloc_dealloc_mismatch=0";
 }
@@ -96,6 +96,7 @@ extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's na
 // NOLINTBEGIN: the linker's names for a function and for what it puts before it
 // clang-format off
 void* operator new(size_t size) { return morvane::test::allocate(size); }
+void* operator new[](size_t size) { return morvane::test::allocate(size); }
 
 // All of these take their arguments in six registers and answer in one, so that one form serves
 // all.
