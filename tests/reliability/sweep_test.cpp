@@ -34,6 +34,8 @@ class Sweep : public Case, public ::testing::WithParamInterface<const char*> {
     undisturbed_ = runFaulty(command_);
     after_ = world();
     ASSERT_EQ(undisturbed_.outcome.status, 0) << undisturbed_.outcome;
+    for (const std::string& others : {kOtherContainer, kStore + "/other.morvane"})
+      ASSERT_TRUE(name_ == "removeAll" || below(after_, others) == below(before_, others));
   }
 
   enum class Torn { no, allowed };

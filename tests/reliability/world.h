@@ -8,6 +8,7 @@ namespace morvane::test {
 
 inline const std::string kApp = "com.burbn.instagram";
 inline const std::string kContainer = "/var/mobile/Containers/Data/Application/A";
+inline const std::string kOtherContainer = "/var/mobile/Containers/Data/Application/B";
 inline const std::string kStore = "/var/mobile/MorvaneBackups";
 inline const std::string kBackup = kStore + "/one.morvane";
 
