@@ -35,17 +35,12 @@ const Failures kFailures[] = {
 #endif
 };
 
-template <typename T>
-bool holds(const std::vector<T>& values, T value) {
-  return std::find(values.begin(), values.end(), value) != values.end();
-}
-
 }  // namespace
 
 bool fails(const Fault& fault, const Call& call) {
   if (fault.kind == Fault::Kind::failOnce) return call.count == fault.at;
   return fault.kind == Fault::Kind::failFromThere && call.count >= fault.at &&
-         holds(possibleErrors(call), fault.error);
+         std::ranges::count(possibleErrors(call), fault.error) > 0;
 }
 
 std::vector<int> possibleErrors(const Call& call) {
@@ -53,7 +48,7 @@ std::vector<int> possibleErrors(const Call& call) {
   const bool reads = call.number == SYS_openat && (call.arguments[2] & O_CREAT) == 0;
   const long number = reads ? SYS_openat2 : call.number;
   for (const Failures& failures : kFailures) {
-    if (holds(failures.calls, number)) return failures.errors;
+    if (std::ranges::count(failures.calls, number) > 0) return failures.errors;
   }
   return {};
 }

@@ -50,14 +50,6 @@ std::string withoutNewTime(std::string words) {
   return words.replace(time, length, old ? "old" : "now");
 }
 
-std::string withoutFolderTime(const std::string& words) {
-  return words.starts_with("folder") ? words.substr(0, words.rfind(' ')) : words;
-}
-
-bool isWithin(const std::string& path, const std::string& place) {
-  return place.empty() || path == place || path.starts_with(place + "/");
-}
-
 }  // namespace
 
 void putWorld() {
@@ -86,8 +78,10 @@ void fillWorld() {
   for (const std::string mark : {"one", "other"}) {
     const std::string backup = kStore + "/" + mark + ".morvane/";
     put(backup + "manifest.txt", kApp);
-    for (const char* file : {"/Documents/", "/Documents/folder/", "/Library/"})
-      put(backup + kApp + file + "of " + mark, mark);
+    for (const char* folder : {"/Documents/sub", "/Documents", "/Library"}) {
+      put(backup + kApp + folder + "/of " + mark, mark);
+      ::chmod((backup + kApp + folder).c_str(), 0700);  // not the app's
+    }
     putLink(backup + kApp + "/Documents/link", mark);
   }
   for (const auto& entry : std::filesystem::recursive_directory_iterator("/var"))
@@ -111,47 +105,11 @@ Tree world(const std::string& root) {
 Tree below(const Tree& tree, const std::string& path) {
   Tree result;
   for (const auto& [name, words] : tree) {
-    if (isWithin(name, path)) result[name.substr(path.size())] = withoutFolderTime(words);
+    const bool within = path.empty() || name == path || name.starts_with(path + "/");
+    const size_t end = words.starts_with("folder") ? words.rfind(' ') : words.npos;
+    if (within) result[name.substr(path.size())] = words.substr(0, end);
   }
   return result;
-}
-
-const std::vector<Command>& commands() {
-  // The longest first, so that the shorter ones are done beside it.
-  static const std::vector<Command> all = {
-      {"reset",
-       {"reset", kApp, "kill", "receipt=1"},
-       {kContainer + "/Documents", kContainer + "/Library", kContainer + "/tmp",
-        kContainer + "/SystemData", kContainer + "/StoreKit",
-        "/var/mobile/Containers/Shared/AppGroup/G/Library", "/var/mobile/Library", "keychain"},
-       "RESET_OK com.burbn.instagram\n",
-       "RESET_FAIL com.burbn.instagram: nothing found to reset\n"},
-      {"backup", {"backup", kApp, "one"}, {kBackup}, "BACKUP_OK one.morvane\n", "BACKUP_FAIL one."},
-      {"restore",
-       {"restore", "one.morvane"},
-       {kContainer + "/Documents", kContainer + "/Library"},
-       "RESTORE_OK one.morvane\n",
-       "RESTORE_FAIL"},
-      {"remove",
-       {"removebackup", "one.morvane"},
-       {kBackup},
-       "REMOVE_OK one.morvane\n",
-       "REMOVE_FAIL"},
-      {"removeAll", {"removebackup", "ALL"}, {kStore}, "REMOVE_OK ALL\n", "REMOVE_FAIL"}};
-  return all;
-}
-
-void PrintTo(const Command& command, std::ostream* stream) {
-  *stream << command.name;
-}
-
-std::string trespasses(const Command& command, Tree before, Tree after) {
-  for (Tree* tree : {&before, &after}) {
-    for (const std::string& place : command.mayChange)
-      std::erase_if(*tree, [&](const auto& entry) { return isWithin(entry.first, place); });
-    *tree = below(*tree, "");
-  }
-  return differences(before, after);
 }
 
 void figure(const std::string& name, size_t value) {

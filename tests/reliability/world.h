@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "support/tree.h"
 
@@ -9,6 +8,7 @@ namespace morvane::test {
 
 inline const std::string kApp = "com.burbn.instagram";
 inline const std::string kContainer = "/var/mobile/Containers/Data/Application/A";
+inline const std::string kOtherContainer = "/var/mobile/Containers/Data/Application/B";
 inline const std::string kStore = "/var/mobile/MorvaneBackups";
 inline const std::string kBackup = kStore + "/one.morvane";
 
@@ -27,20 +27,6 @@ Tree world(const std::string& root = "/var");
 /// What `tree` holds at and below `path`, by the rest of the path, without the folders' times: that
 /// something was made or removed in a folder changes its own.
 Tree below(const Tree& tree, const std::string& path);
-
-/// A command, what of the phone it may change, and how its result line begins.
-struct Command {
-  std::string name;
-  std::vector<std::string> arguments;
-  std::vector<std::string> mayChange;
-  std::string okLine;
-  std::string failLine;
-};
-const std::vector<Command>& commands();
-void PrintTo(const Command& command, std::ostream* stream);  // GoogleTest's name for it
-
-/// What `command` had no business to change between two states of the phone, in words.
-std::string trespasses(const Command& command, Tree before, Tree after);
 
 /// Prints one of the figures that are published.
 void figure(const std::string& name, size_t value);
