@@ -86,8 +86,8 @@ FaultyRun runFaulty(const std::vector<std::string>& arguments, const Fault& faul
 
 using morvane::test::failsNow;
 
-// What a process has freed is copied at each fork as long as the sanitizer keeps it. What it has not
-// freed goes with it; to look for that takes a third of the time.
+// What a process has freed is copied at each fork as long as the sanitizer keeps it. What it has
+// not freed goes with it; to look for that takes a third of the time.
 extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's name
   return "quarantine_size_mb=1:detect_leaks=0";
 }
