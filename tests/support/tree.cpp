@@ -10,8 +10,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
+
+#include "phone/random.h"
 
 namespace morvane::test {
 namespace fs = std::filesystem;
@@ -64,54 +65,45 @@ std::string describe(const std::string& path) {
   return words.str();
 }
 
-unsigned upTo(unsigned most, std::mt19937& random) {
-  return static_cast<unsigned>(random() % (most + 1));
-}
-
-std::string bytes(size_t size, std::mt19937& random) {
-  std::string text(size, 'x');
-  for (size_t i = 0; i < size; ++i)
-    text[i] = i < 300 ? static_cast<char>(1 + upTo(254, random)) : text[i - 300];
-  return text;
-}
-
-/// Folders, dangling links, files and files with holes, under any names.
-void putRandomEntries(const std::string& root, std::mt19937& random) {
+/// Folders, dangling links, files and files with holes, under odd names.
+void putRandomEntries(const std::string& root, phone::Random& random) {
+  constexpr std::string_view kOdd = "a Z.-*'\\\n\r\x01\x7f\x80\xc3\xa9\xcc\x81\xff";
   std::vector<std::string> folders{root};
   for (int i = 0; i < 50; ++i) {
-    std::string name = std::to_string(i) + bytes(upTo(i % 7 == 0 ? 253 : 20, random), random);
-    std::replace(name.begin(), name.end(), '/', '\n');
-    const std::string path = folders[random() % folders.size()] + "/" + name;
+    const std::string name =
+        std::to_string(i) + random.pick(random.below(i % 7 == 0 ? 254 : 21), kOdd);
+    const std::string path = folders[random.below(folders.size())] + "/" + name;
     constexpr size_t kSizes[] = {0, 1, 100, 4096, 131072, 131073, 300000};
-    const unsigned kind = upTo(5, random);
+    const auto kind = random.below(6);
     if (kind < 2) putFolder(folders.emplace_back(path));
     if (kind == 2) putLink(path, name);
-    if (kind > 2) put(path, bytes(kSizes[upTo(6, random)], random));
+    if (kind > 2) put(path, random.bytes(kSizes[random.below(7)]));
     if (kind > 3) fs::resize_file(path, 1 << 20);
     if (kind > 4) std::ofstream(path, std::ios::app) << "data";
   }
 }
 
 /// Gives an entry any owner, attributes, mode and time.
-void decorate(const std::string& path, std::mt19937& random) {
+void decorate(const std::string& path, phone::Random& random) {
   // One more user, as the kernel keeps it (linux/posix_acl_xattr.h).
   constexpr std::uint16_t kAny = 0xffff;
   constexpr std::uint16_t kList[] = {2, 0,    1,    6,  kAny, kAny, 2,    4,  501, 0,    4,
                                      4, kAny, kAny, 16, 4,    kAny, kAny, 32, 0,   kAny, kAny};
   const std::string list(reinterpret_cast<const char*>(kList), sizeof kList);
-  const uid_t owner = upTo(1, random) * 501;
-  const gid_t group = upTo(1, random) * 20;
-  (void)!::lchown(path.c_str(), owner, group);  // this and attributes: where it can be
-  for (const auto& [name, value] : {std::pair{"trusted.t", bytes(upTo(2000, random), random)},
-                                    {"user.u", bytes(9, random)},
+  const auto chance = random.next();
+  // This and the attributes where it can be.
+  (void)!::lchown(path.c_str(), chance % 2 * 501, chance / 2 % 2 * 20);
+  for (const auto& [name, value] : {std::pair{"trusted.t", random.bytes(random.below(2001))},
+                                    {"user.u", random.bytes(9)},
                                     {"system.posix_acl_access", list},
                                     {"system.posix_acl_default", list}}) {
-    const bool has = upTo(2, random) == 0;
+    const bool has = random.below(3) == 0;
     if (has) ::lsetxattr(path.c_str(), name, value.data(), value.size(), 0);
   }
   // After the owner: giving a file away clears bits of its mode.
-  if (!fs::is_symlink(path)) ::chmod(path.c_str(), upTo(07777, random));
-  setOldTime(path, 1 + upTo(2000000000, random), upTo(999999999, random));
+  if (!fs::is_symlink(path)) ::chmod(path.c_str(), static_cast<mode_t>(random.below(010000)));
+  setOldTime(path, static_cast<long>(1 + random.below(2000000000)),
+             static_cast<long>(chance % 1000000000));
 }
 
 }  // namespace
@@ -172,7 +164,7 @@ void putHostileTree(const std::string& path, const std::string& outside, int dep
   putLink(path + "/sub/up", "../..");
   ASSERT_EQ(::mknod((path + "/fifo").c_str(), S_IFIFO | 0666, 0), 0);
   ASSERT_EQ(::mknod((path + "/socket").c_str(), S_IFSOCK | 0666, 0), 0);
-  std::mt19937 random(seed);
+  phone::Random random(seed, "hostile tree");
   putRandomEntries(path, random);
   for (const std::string& name : namesIn(path))
     decorate(path + "/" + name, random);
@@ -193,9 +185,8 @@ Tree treeAt(const std::string& path) {
   return tree;
 }
 
-std::string differences(Tree expected, Tree actual, Specials specials) {
-  const auto isSpecial = [](const auto& entry) { return entry.second.starts_with("special"); };
-  if (specials == Specials::drop) std::erase_if(expected, isSpecial);
+std::string differences(Tree expected, Tree actual) {
+  std::erase_if(expected, [](const auto& entry) { return entry.second.starts_with("special"); });
   std::ostringstream report;
   for (const auto& [path, words] : expected) {
     const std::string found = actual[path];

@@ -47,11 +47,9 @@ using Tree = std::map<std::string, std::string>;
 /// is there.
 Tree treeAt(const std::string& path);
 
-enum class Specials { keep, drop };
-
-/// The differences between two trees, a line each; empty when there are none. `drop` passes over
-/// FIFOs, sockets and devices, which no backup carries.
-std::string differences(Tree expected, Tree actual, Specials specials = Specials::drop);
+/// The differences between two trees, a line each; empty when there are none. FIFOs, sockets and
+/// devices are not expected again: no backup carries them.
+std::string differences(Tree expected, Tree actual);
 
 /// The relative paths in `path`, sorted, without the root: for cases in which only names matter.
 std::vector<std::string> namesIn(const std::string& path);
