@@ -75,7 +75,7 @@ void carryOut(Attack attack, const std::string& path) {
 
 /// What the app disturbs. A copy from its tree ends, as the tool does, by telling of what is
 /// missing.
-void carryOut(const std::string& work) {
+void doWork(const std::string& work) {
   const Place tree{AT_FDCWD, kTree};
   const Place copy{AT_FDCWD, kCopy};
   CopyTally tally;
@@ -122,12 +122,11 @@ TEST_P(WhileAnAppSwapsItsFiles, NothingOutsideIsTouched) {
       rebuild();
       const Tree before = outside();
       moments = 0;
-      const int status = runInChild([&] { carryOut(work); },
-                                    [&](const Call& call) {
-                                      const std::string path = call.path();
-                                      if (path.starts_with(kTree + "/") && moments++ == strike)
-                                        carryOut(attack, path);
-                                    });
+      const auto disturb = [&](const Call& call) {
+        const std::string path = call.path();
+        if (path.starts_with(kTree + "/") && moments++ == strike) carryOut(attack, path);
+      };
+      const int status = runInChild([&] { doWork(work); }, disturb);
       // Something else under the name is a failure to tell of; that it has vanished is none.
       const bool tells = status == kToldOfFailures && attack != Attack::vanishes;
       EXPECT_TRUE(status == 0 || tells) << "ended with " << status;
@@ -160,17 +159,16 @@ void workAndMove(const std::string& work, const std::string& root, const std::ve
   }
   const Tree before = outside();
   bool moved = false;
-  const int status = runInChild(
-      [&] { carryOut(work); },
-      [&](const Call& call) {
-        if (moved || call.number != SYS_getdents64 || call.path() != level(kDepth, kTree)) return;
-        moved = true;
-        for (const int depth : levels) {
-          const std::string to = kOutside + "/moved" + std::to_string(depth);
-          ASSERT_EQ(::rename(level(depth, root).c_str(), to.c_str()), 0);
-          setOldTime(level(depth - 1, root), 1000000000 + depth - 1, depth - 1);
-        }
-      });
+  const auto move = [&](const Call& call) {
+    if (moved || call.number != SYS_getdents64 || call.path() != level(kDepth, kTree)) return;
+    moved = true;
+    for (const int depth : levels) {
+      const std::string to = kOutside + "/moved" + std::to_string(depth);
+      ASSERT_EQ(::rename(level(depth, root).c_str(), to.c_str()), 0);
+      setOldTime(level(depth - 1, root), 1000000000 + depth - 1, depth - 1);
+    }
+  };
+  const int status = runInChild([&] { doWork(work); }, move);
   EXPECT_TRUE(moved);
   // Behind one that was moved its parent is found again by the names; not what was below another.
   const bool lost = root == kCopy && levels.size() > 1;

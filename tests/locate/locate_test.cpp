@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 #include "locate/containers.h"
 #include "locate/metadata_scan.h"
@@ -49,9 +51,8 @@ TEST_F(OnlyTheNamedAppIsFound, ByWhatStandsInTheMetadata) {
   expect(padding + "ababa.", "aba", true, false);
   // A hole of half a tebibyte costs no time, joins nothing, and hides nothing behind it.
   const std::string huge = container("/var/huge", "c", std::string(65536 - 4, 'x') + "com.");
-  const int fd = ::open((huge + "/" + kMetaName).c_str(), O_WRONLY | O_CLOEXEC);
-  ASSERT_EQ(::pwrite(fd, "a com.b", 7, 1LL << 39), 7);
-  ::close(fd);
+  std::filesystem::resize_file(huge + "/" + kMetaName, 1ULL << 39);
+  std::ofstream(huge + "/" + kMetaName, std::ios::app) << "a com.b";
   EXPECT_EQ(dirScanContaining("/var/huge", "com.a"), Paths{});
   EXPECT_EQ(dirScanWordBoundary("/var/huge", "com.b"), Paths{huge});
 }

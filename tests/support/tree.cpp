@@ -156,8 +156,6 @@ void putChain(const std::string& path, int depth) {
 
 void putHostileTree(const std::string& path, const std::string& outside, int depth, unsigned seed) {
   put(path + "/line\nfeed, not text \x80 and long " + std::string(224, 'n'), "bytes");
-  put(path + "/sparse", "start");
-  fs::resize_file(path + "/sparse", 3 << 20);
   putLink(path + "/out", outside);
   putLink(path + "/out file", outside + "/precious");
   putLink(path + "/circle", "circle");
