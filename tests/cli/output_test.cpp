@@ -93,12 +93,11 @@ TEST_F(ControllersReadTheOutcome, WhoeverListensAndHoweverPoorTheProcess) {
   // nothing is left, and the user is told.
   const std::string poor =
       "exec 3> >(true); wait $!; ulimit -n 24 -f 1024; umask 0777; exec \"$0\" ";
-  const std::string app = putApp("app", "com.a");
-  put(app + "/Library/large", std::string(2 << 20, 'x'));
-  cliLine("backup com.a whole");
   for (const std::string out : {"", " >&-", " >&3"}) {
     for (const std::string err : {"", " 2>&-", " 2>&3"}) {
-      put(app + "/Library/large", std::string(2 << 20, 'x'));
+      const std::string app = putApp("app", "com.a");
+      put(app + "/Library/sub/large", std::string(2 << 20, 'x'));
+      cliLine("backup com.a whole");
       for (const char* command : {"backup com.a b", "restore whole.morvane"}) {
         const Outcome outcome = shell(poor + command + out + err);
         const bool told = outcome.err.ends_with(
@@ -106,11 +105,10 @@ TEST_F(ControllersReadTheOutcome, WhoeverListensAndHoweverPoorTheProcess) {
         EXPECT_TRUE(outcome.status == 0 && told == err.empty()) << outcome << out << err;
       }
       for (const std::string& copy : {kStore + "/b.morvane/com.a", app})
-        EXPECT_EQ(namesIn(copy + "/Library"), std::vector<std::string>{"kept-by-Library"});
+        EXPECT_EQ(namesIn(copy + "/Library"), (std::vector<std::string>{"kept-by-Library", "sub"}));
       EXPECT_EQ(shell(poor + "reset com.a clear receipt=1" + out + err).status, 0) << out << err;
       EXPECT_EQ(namesIn(app + "/Library").size(), 0U);
       EXPECT_EQ(shell(poor + "reset" + out + err).status, 2) << out << err;
-      putApp("app", "com.a");
     }
   }
   EXPECT_TRUE(treeAt(kStore)["b.morvane/com.a"].starts_with("folder 755 "));

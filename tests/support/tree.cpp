@@ -90,9 +90,9 @@ void decorate(const std::string& path, phone::Random& random) {
   constexpr std::uint16_t kList[] = {2, 0,    1,    6,  kAny, kAny, 2,    4,  501, 0,    4,
                                      4, kAny, kAny, 16, 4,    kAny, kAny, 32, 0,   kAny, kAny};
   const std::string list(reinterpret_cast<const char*>(kList), sizeof kList);
-  const auto chance = random.next();
-  // This and the attributes where it can be.
-  (void)!::lchown(path.c_str(), chance % 2 * 501, chance / 2 % 2 * 20);
+  const uid_t owner = random.below(2) == 0 ? 501 : 0;
+  const gid_t group = random.below(2) == 0 ? 20 : 0;
+  (void)!::lchown(path.c_str(), owner, group);  // this and the attributes where it can be
   for (const auto& [name, value] : {std::pair{"trusted.t", random.bytes(random.below(2001))},
                                     {"user.u", random.bytes(9)},
                                     {"system.posix_acl_access", list},
@@ -102,8 +102,7 @@ void decorate(const std::string& path, phone::Random& random) {
   }
   // After the owner: giving a file away clears bits of its mode.
   if (!fs::is_symlink(path)) ::chmod(path.c_str(), static_cast<mode_t>(random.below(010000)));
-  setOldTime(path, static_cast<long>(1 + random.below(2000000000)),
-             static_cast<long>(chance % 1000000000));
+  setOldTime(path, static_cast<long>(random.below(2000000000)));
 }
 
 }  // namespace
