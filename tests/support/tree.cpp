@@ -78,7 +78,7 @@ void putRandomEntries(const std::string& root, phone::Random& random) {
     if (kind < 2) putFolder(folders.emplace_back(path));
     if (kind == 2) putLink(path, name);
     if (kind > 2) put(path, random.bytes(kSizes[random.below(7)]));
-    if (kind > 3) fs::resize_file(path, 1 << 20);
+    if (kind > 3) fs::resize_file(path, random.below(2) == 0 ? 100000 : 1 << 20);
     if (kind > 4) std::ofstream(path, std::ios::app) << "data";
   }
 }
