@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "backup/keywords.h"
-#include "platform/text.h"
 #include "support/case.h"
 #include "support/command.h"
 #include "support/tree.h"
@@ -24,56 +23,27 @@ const std::string kFiltered = "[morvane_cli] lightweight backup: skipped ";
 
 class BackupsAndRestores : public Case {};
 
-TEST_F(BackupsAndRestores, AreExactCopiesThereAndBack) {
-  put("/var/outside/precious", "photos");
-  const Tree outside = treeAt("/var/outside");
-  const std::string documents = putApp("app", "com.a") + "/Documents";
-  putHostileTree(documents, "/var/outside");
-  const Tree before = treeAt(documents);
-  EXPECT_EQ(cliLine("backup com.a filtered no-such-name").status, 0);
-  Tree filtered = treeAt(kStore + "/filtered.morvane/com.a/Documents");
-  for (const char* link : {"out", "sub/up"}) {
-    EXPECT_TRUE(filtered.at(link).starts_with("folder")) << filtered.at(link);
-    filtered[link] = before.at(link);
-  }
-  EXPECT_EQ(differences(before, filtered), "");
-  EXPECT_EQ(cliLine("backup com.a daily").status, 0);
-  EXPECT_EQ(differences(before, treeAt(documents), Specials::keep), "");
-  const Tree backup = treeAt(kDaily);
-  EXPECT_EQ(differences(before, treeAt(kDaily + "/com.a/Documents")), "");
-  put(documents + "/newer", "goes");
-  EXPECT_EQ(cliLine("restore daily.morvane").status, 0);
-  // The folder itself was the app's and stays; the entries below are the backup's.
-  Tree restored = treeAt(documents);
-  restored["."] = before.at(".");
-  EXPECT_EQ(differences(before, restored), "");
-  // An app that has lost the folder gets it back whole.
-  runCommand({"rm", "-rf", documents});
-  EXPECT_EQ(cliLine("restore daily.morvane").status, 0);
-  EXPECT_EQ(differences(before, treeAt(documents)), "");
-  EXPECT_EQ(differences(backup, treeAt(kDaily)), "") << "a restore changed the backup";
-  EXPECT_EQ(differences(outside, treeAt("/var/outside"), Specials::keep), "");
-}
-
 TEST_F(BackupsAndRestores, LeaveOutWhatTheKeywordsSay) {
   const std::string library = putApp("app", "com.a") + "/Library";
   const std::string wide(60, 'w');
-  for (const std::string& path :
-       {"Caches/x/y"s, "data.DB"s, "cache.dbx/deep/file"s, "keep/1/x"s, "keep/2/x"s, "ẢNH/x"s,
-        "keep/Caches/z"s, "\xff.db"s, "a,b"s, "e\u0301/e\u0301e\u0301e\u0301/b"s, wide + "/b/c"}) {
+  for (const char* path :
+       {"Caches/x/y", "data.DB", "cache.dbx/deep/file", "keep/1/x", "keep/2/x", "ẢNH/x",
+        "keep/Caches/z", "\xff.db", "a,b", "e\u0301/e\u0301e\u0301e\u0301/b", "cafe\u0301s", "Ω",
+        "한글", "u\u0301\u0323", "ΣΑΣ", "Straße"}) {
     put(library + "/" + path);
   }
+  put(library + "/" + wide + "/b/c");
   const Names all = namesIn(library);
-  const struct {
-    std::string keywords;
-    std::string skipped;
-    Names gone;
-  } rows[] = {
+  const std::tuple<std::string, std::string, Names> rows[] = {
       // What is gone with its folder is not counted.
       {"/caches/", "2", {"Caches", "Caches/x", "Caches/x/y", "keep/Caches", "keep/Caches/z"}},
       {"*.db", "3", {"cache.dbx", "cache.dbx/deep", "cache.dbx/deep/file", "data.DB", "\xff.db"}},
       {"\xff|data.db|data|DATA.DB|a,b", "3", {"\xff.db", "data.DB", "a,b"}},
       {"a\u0309nh|nothing|anh", "1", {"ẢNH", "ẢNH/x"}},
+      {"CAFÉ|\u2126|\u1112\u1161\u11ab|ụ\u0301|σας|STRASSE",
+       "6",
+       {"cafe\u0301s", "Ω", "한글", "u\u0301\u0323", "ΣΑΣ", "Straße"}},
+      {"cafe|cafés\u0301|\xcc|u\u0301|ΣΑΣΑ", "0", {}},
       // The whole path counts, of which the filter looks at the end; and nothing but the path.
       {"keep/caches|1/2|2/1|12|21", "1", {"keep/Caches", "keep/Caches/z"}},
       {"É/ééé/B", "1", {"e\u0301/e\u0301e\u0301e\u0301/b"}},
@@ -81,20 +51,19 @@ TEST_F(BackupsAndRestores, LeaveOutWhatTheKeywordsSay) {
       {"", "", {}},
       {"| |\n*|/|**/", "", {}},
   };
-  for (const auto& row : rows) {
+  for (const auto& [keywords, skipped, gone] : rows) {
     Names expected = all;
-    for (const std::string& gone : row.gone)
-      ASSERT_EQ(std::erase(expected, gone), 1U) << row.keywords << " lacks " << gone;
+    for (const std::string& name : gone)
+      ASSERT_EQ(std::erase(expected, name), 1U) << keywords << " lacks " << name;
     std::string log = "[morvane_cli] container backed up: com.a\n";
-    if (!row.skipped.empty())
-      log += kFiltered + row.skipped + " file/dir matching keyword filter\n";
-    EXPECT_EQ(cli({"backup", "com.a", "daily", row.keywords}).err, log);
-    EXPECT_EQ(namesIn(kDaily + "/com.a/Library"), expected) << row.keywords;
+    if (!skipped.empty()) log += kFiltered + skipped + " file/dir matching keyword filter\n";
+    EXPECT_EQ(cli({"backup", "com.a", "daily", keywords}).err, log);
+    EXPECT_EQ(namesIn(kDaily + "/com.a/Library"), expected) << keywords;
   }
   // Counts add up over folders and apps; a folder of which nothing is left is still there.
   putApp("b", "com.b");
-  EXPECT_NE(cliLine("backup com.b,com.a daily kept-by|KEEP").err.find(kFiltered + "5 "),
-            std::string::npos);
+  const std::string log = cliLine("backup com.b,com.a daily kept-by|KEEP").err;
+  EXPECT_NE(log.find(kFiltered + "5 "), std::string::npos) << log;
   EXPECT_EQ(namesIn(kDaily + "/com.b"), (Names{"Documents", "Library"}));
 }
 
@@ -107,22 +76,6 @@ TEST(Keywords, BecomeNeedles) {
   };
   for (const auto& [keywords, needles] : rows)
     EXPECT_EQ(parseKeywordNeedles(keywords), needles) << keywords;
-}
-
-TEST(Keywords, AreComparedAsPeopleReadThem) {
-  const std::tuple<const char*, Names, Names> rows[] = {
-      {"Caches/x.DB", {"caches", ".db"}, {"", "cachés"}},
-      {"cafe\u0301s", {"caf", "café", "É"}, {"cafe"}},
-      {"é", {"e\u0301"}, {"e", "\xc3"}},
-      {"Ω K 한글 a\u0301\u0323", {"\u2126", "\u212a", "\u1112\u1161\u11ab", "a\u0323\u0301"}, {}},
-      {"ΣΑΣ Straße", {"σας", "STRASSE"}, {}},
-  };
-  for (const auto& [text, found, missed] : rows) {
-    for (const std::string& needle : found)
-      EXPECT_TRUE(platform::containsIgnoringCase(text, needle)) << text << " " << needle;
-    for (const std::string& needle : missed)
-      EXPECT_FALSE(platform::containsIgnoringCase(text, needle)) << text << " " << needle;
-  }
 }
 
 TEST_F(BackupsAndRestores, HoldExactlyWhatTheFormatSays) {
@@ -138,12 +91,20 @@ TEST_F(BackupsAndRestores, HoldExactlyWhatTheFormatSays) {
                    "com.b/Documents", "com.b/Documents/kept-by-Documents", "com.b/Library",
                    "com.b/Library/kept-by-Library", "com.bare", "manifest.txt"}));
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.b\ncom.a\ncom.b");
-  EXPECT_EQ(modeOf(kStore), 0700U);
-  EXPECT_EQ(modeOf(kDaily), 0700U);
+  for (const std::string& folder : {kStore, kDaily})
+    EXPECT_TRUE(treeAt(folder)["."].starts_with("folder 700 ")) << folder;
+}
+
+/// Runs a command in which each call of this number on such a path fails.
+Outcome cliWhere(const std::vector<std::string>& words, long number, const std::string& path,
+                 int error) {
+  return cli(words, [&](const Call& call) {
+    if (call.number == number && call.path().ends_with(path)) call.answer(-error);
+  });
 }
 
 TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
-  putApp("app", "com.a");
+  const std::string app = putApp("app", "com.a");
   const std::string staging = ".staging_daily_" + std::to_string(::getpid());
   // Left by a run of the same number that is dead; and held by one that is not.
   put(kStore + "/" + staging + "/com.dead/x");
@@ -151,19 +112,19 @@ TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
   EXPECT_EQ(Staging("daily").publish({"com.b"}), staging + ": Device or resource busy");
   EXPECT_EQ(first.publish({"com.old"}), "");
   EXPECT_EQ(namesIn(kStore), (Names{"daily.morvane", "daily.morvane/manifest.txt"}));
-  const auto backUpWhere = [](const std::string& path, long number, int error) {
-    const auto refuse = [&](const Call& call) {
-      if (call.number == number && call.path().ends_with(path)) call.answer(-error);
-    };
-    return cli({"backup", "com.a", "daily"}, {.atCall = refuse});
-  };
-  const Outcome unverified = backUpWhere("/daily.morvane/manifest.txt", SYS_newfstatat, ENOENT);
-  EXPECT_EQ(unverified.status, 1);
-  EXPECT_NE(unverified.err.find("(err=verify-read-back thất bại) — kiểm tra"), std::string::npos);
+  const Names backup{"backup", "com.a", "daily"};
+  EXPECT_TRUE(cliWhere(backup, SYS_newfstatat, "/daily.morvane/manifest.txt", ENOENT)
+                  .err.ends_with("(err=verify-read-back thất bại) — kiểm tra "
+                                 "trustcache/entitlement binary\n"));
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.old");
   // A file system that cannot exchange two names.
-  EXPECT_EQ(backUpWhere("", SYS_renameat2, EINVAL).out, "BACKUP_OK daily.morvane\n");
+  EXPECT_EQ(cliWhere(backup, SYS_renameat2, "", EINVAL).out, "BACKUP_OK daily.morvane\n");
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.a");
+  // What the app has is not given up for what cannot be read.
+  cli({"restore", "daily.morvane"}, [](const Call& call) {
+    if (call.opens() && call.path() == kDaily + "/com.a/Documents") call.answer(-EIO);
+  });
+  EXPECT_TRUE(exists(app + "/Documents/kept-by-Documents"));
 }
 
 TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
@@ -176,15 +137,12 @@ TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
   // The store gets full. What that leaves behind does not stand in the way of a later run.
   put(app + "/Documents/large", std::string(3 << 20, 'x'));
   const Outcome full = cliLine("backup com.a daily");
-  EXPECT_TRUE(
-      full.err.ends_with("(err=copy: No space left on device) — "
-                         "kiểm tra trustcache/entitlement binary\n"))
-      << full;
+  EXPECT_NE(full.err.find("(err=copy: No space left on device)"), std::string::npos) << full;
   EXPECT_EQ(namesIn(kStore), older);
   // Whatever stands under the name.
   runCommand({"rm", app + "/Documents/large"});
-  for (const char* there : {"true", "echo x >$0", "ln -s /var/mobile $0"}) {
-    runCommand({"sh", "-c", there, kDaily});
+  for (const std::string there : {"true ", "echo x >", "ln -s /var/mobile "}) {
+    shell(there + kDaily);
     EXPECT_EQ(cliLine("backup com.a daily").status, 0) << there;
     EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.a") << there;
     EXPECT_EQ(namesIn(kStore).size(), 7U) << "more than the backup";
@@ -195,26 +153,17 @@ TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
 
 TEST_F(BackupsAndRestores, ARestoreTouchesOnlyWhatTheBackupHolds) {
   const std::string app = putApp("app", "com.a");
-  put(kDaily + "/com.a/Library/sub/restored", "old");
-  put(kDaily + "/com.a/tmp/ignored");
-  put(kDaily + "/com.gone/Documents/x");
-  put(kDaily + "/stray file");
+  for (const char* path : {"com.a/Library/sub/restored", "com.a/tmp/ignored",
+                           "com.gone/Documents/x", "com.a/Documents", "stray file"}) {
+    put(kDaily + "/" + path);
+  }
   const Outcome outcome = cliLine("restore daily.morvane");
   EXPECT_EQ(outcome.out, "RESTORE_OK daily.morvane\n");
   EXPECT_NE(outcome.err.find("RESTORE_FAIL com.gone: container not found\n"), std::string::npos);
-  EXPECT_EQ(namesIn(app), (Names{kMetadataName, "Documents", "Documents/kept-by-Documents",
-                                 "Library", "Library/sub", "Library/sub/restored", "SystemData",
-                                 "SystemData/kept-by-SystemData", "tmp", "tmp/kept-by-tmp"}));
-  runCommand({"rm", "-rf", kDaily});
-  put(kDaily + "/com.a/Documents", "a file");
-  const RunOptions unreadable{.atCall = [](const Call& call) {
-    if (call.opens() && call.path() == kDaily + "/com.a/Documents") call.answer(-EIO);
-  }};
-  cli({"restore", "daily.morvane"}, unreadable);
-  EXPECT_TRUE(exists(app + "/Documents/kept-by-Documents")) << "emptied for what cannot be read";
-  // A file in a folder's place: the folder is emptied, nothing is copied, the app counts.
-  EXPECT_EQ(cliLine("restore daily.morvane").err, "[morvane_cli] container restored: com.a\n");
-  EXPECT_EQ(namesIn(app + "/Documents"), Names{});
+  // A file in a folder's place: the folder is emptied, nothing is copied.
+  EXPECT_EQ(namesIn(app),
+            (Names{kMetadataName, "Documents", "Library", "Library/sub", "Library/sub/restored",
+                   "SystemData", "SystemData/kept-by-SystemData", "tmp", "tmp/kept-by-tmp"}));
   put(kStore + "/file.morvane");
   putLink(kStore + "/dangling.morvane", "/nowhere");
   for (const char* command : {"restore file.morvane", "restore dangling.morvane"})
@@ -225,10 +174,8 @@ TEST_F(BackupsAndRestores, AreRemovedByNameOrAltogether) {
   EXPECT_EQ(cliLine("removebackup ALL").status, 0);
   EXPECT_FALSE(exists(kStore)) << "made by a removal";
   put("/var/outside/precious");
-  for (const char* name : {"file.morvane", "one.morvane/com.a/Documents/x", "two.morvane/com.a/x",
-                           ".staging_x_1/com.a/x", "stray \xff"}) {
+  for (const char* name : {"file.morvane", "one.morvane/com.a/x", ".staging_x_1/x", "stray \xff"})
     put(kStore + "/" + name);
-  }
   putLink(kStore + "/dangling.morvane", "/nowhere");
   putLink(kStore + "/link.morvane", "/var/outside");
   for (const std::string name : {"file.morvane", "one.morvane", "link.morvane"}) {
@@ -236,7 +183,8 @@ TEST_F(BackupsAndRestores, AreRemovedByNameOrAltogether) {
     EXPECT_EQ(cliLine("removebackup " + name).status, 1) << name;
   }
   EXPECT_EQ(cliLine("removebackup dangling.morvane").status, 1);
-  EXPECT_EQ(namesIn(kStore).size(), 8U);
+  EXPECT_EQ(namesIn(kStore),
+            (Names{".staging_x_1", ".staging_x_1/x", "dangling.morvane", "stray \xff"}));
   EXPECT_EQ(cliLine("removebackup ALL").status, 0);
   EXPECT_TRUE(exists(kStore) && namesIn(kStore).empty());
   EXPECT_TRUE(exists("/var/outside/precious"));

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include "support/case.h"
 #include "support/command.h"
@@ -44,14 +45,12 @@ Seen runAtTerminal(const std::string& command, std::string_view typed = "") {
   }
   ::waitpid(pid, &seen.waitStatus, 0);
   ::close(terminal);
-  // A state stands between two erasures, a line that stays between an erasure and its end.
-  for (size_t from = 0, end = 0; end != std::string::npos; from = end + kErase.size()) {
-    end = seen.bytes.find(kErase, from);
-    const std::string piece = seen.bytes.substr(from, end - from);
-    const bool passing = from > 0 && end != std::string::npos && piece.find('\r') == piece.npos;
-    if (!passing) seen.kept += piece;
-    if (passing && !piece.empty()) seen.lines.push_back(piece);
+  // A state stands between two erasures; what else there is stays.
+  const std::regex state("\r\x1b\\[K(?:([^\r]+)(?=\r\x1b\\[K))?");
+  for (std::sregex_iterator at(seen.bytes.begin(), seen.bytes.end(), state), end; at != end; ++at) {
+    if (at->length(1) > 0) seen.lines.push_back(at->str(1));
   }
+  seen.kept = std::regex_replace(seen.bytes, state, "");
   std::erase(seen.kept, '\r');
   return seen;
 }

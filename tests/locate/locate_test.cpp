@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 #include "locate/containers.h"
 #include "locate/metadata_scan.h"
@@ -42,21 +44,15 @@ TEST_F(OnlyTheNamedAppIsFound, ByWhatStandsInTheMetadata) {
     expect("Xgroup.com.a"s + end, "group.com.a", true, false);
   expect("com.A.app com.a.ap", "com.a.app", false, false);
   expect("anything", "", false, false);
-  // Every position around the size in which the file is read. A rejected occurrence hides the one
-  // that begins in it.
-  for (size_t before = 65536 - 6; before < 65536 + 3; ++before) {
-    const std::string padding(before, 'x');
-    const Paths bounded{container("/var/border", "dot", padding + "aba." + padding),
-                        container("/var/border", "end", padding + "aba" + padding + "aba")};
-    container("/var/border", "overlap", padding + "ababa.");
-    EXPECT_EQ(sorted(dirScanWordBoundary("/var/border", "aba")), bounded) << before;
-    EXPECT_EQ(dirScanContaining("/var/border", "aba").size(), 3U) << before;
-  }
+  // Across the size in which the file is read. A rejected occurrence hides what begins in it.
+  const std::string padding(65536 - 2, 'x');
+  expect(padding + "aba." + padding, "aba", true, true);
+  expect(padding + "abas" + padding + "aba", "aba", true, true);
+  expect(padding + "ababa.", "aba", true, false);
   // A hole of half a tebibyte costs no time, joins nothing, and hides nothing behind it.
   const std::string huge = container("/var/huge", "c", std::string(65536 - 4, 'x') + "com.");
-  const int fd = ::open((huge + "/" + kMetaName).c_str(), O_WRONLY | O_CLOEXEC);
-  ASSERT_EQ(::pwrite(fd, "a com.b", 7, 1LL << 39), 7);
-  ::close(fd);
+  std::filesystem::resize_file(huge + "/" + kMetaName, 1ULL << 39);
+  std::ofstream(huge + "/" + kMetaName, std::ios::app) << "a com.b";
   EXPECT_EQ(dirScanContaining("/var/huge", "com.a"), Paths{});
   EXPECT_EQ(dirScanWordBoundary("/var/huge", "com.b"), Paths{huge});
 }
@@ -80,9 +76,6 @@ TEST_F(OnlyTheNamedAppIsFound, WhateverElseLiesAmongTheContainers) {
   EXPECT_EQ(sorted(dirScanContaining(root, "com.a")), found);
   ::close(fed);
   EXPECT_EQ(findContainer("com.ap"), found[0]) << "part of a longer identifier does";
-  if (!ownershipIsFree()) SKIP_OR_FAIL("only root can plant another user's link");
-  ASSERT_EQ(::lchown((root + "/link").c_str(), 501, 501), 0);
-  EXPECT_EQ(dirScanContaining(root, "com.a").size(), 2U) << "an app's own link counted";
 }
 
 TEST_F(OnlyTheNamedAppIsFound, GroupsByTheVendorsPrefix) {

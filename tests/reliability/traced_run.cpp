@@ -29,7 +29,7 @@ FaultyRun runFaulty(const std::vector<std::string>& arguments, const Fault& faul
       call.answer(call.number == SYS_brk ? 0 : -fault.error);
     }
   };
-  run.outcome = cli(arguments, {.atCall = carryOut});
+  run.outcome = cli(arguments, carryOut);
   return run;
 }
 

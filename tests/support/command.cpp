@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 
 #include "support/case.h"
@@ -20,19 +19,9 @@ const char* const kPhone = MORVANE_PHONE;
 
 namespace {
 
-/// What a command writes one of its streams to: a file in memory, or something that takes nothing.
-int openStream(Ends ends) {
-  if (ends == Ends::open) return ::memfd_create("output", MFD_CLOEXEC);
-  std::array<int, 2> pipe{};
-  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) abort();
-  ::close(pipe[0]);
-  return pipe[1];
-}
-
-std::string closeStream(int fd) {
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
-  const bool took = std::filesystem::is_regular_file(path);
-  const std::string text = took ? contentOf(path) : "";
+/// What was written to a file in memory, which goes.
+std::string take(int fd) {
+  const std::string text = contentOf("/proc/self/fd/" + std::to_string(fd));
   ::close(fd);
   return text;
 }
@@ -54,33 +43,36 @@ void execute(const std::vector<std::string>& words) {
   ::_exit(127);
 }
 
-Outcome collect(const Body& body, const RunOptions& options) {
-  const int out = openStream(options.out);
-  const int err = openStream(options.err);
-  const auto prepare = [&] {
+Outcome collect(const Body& body, const AtCall& atCall) {
+  const int out = ::memfd_create("out", MFD_CLOEXEC);
+  const int err = ::memfd_create("err", MFD_CLOEXEC);
+  const auto connect = [&] {
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
-    options.out == Ends::closed ? ::close(1) : ::dup2(out, 1);
-    options.err == Ends::closed ? ::close(2) : ::dup2(err, 2);
-    if (options.inChild) options.inChild();
+    ::dup2(out, 1);
+    ::dup2(err, 2);
   };
-  const int status = runInChild(body, options.atCall, prepare);
-  return {status, closeStream(out), closeStream(err)};
+  const int status = runInChild(body, atCall, connect);
+  return {status, take(out), take(err)};
 }
 
-Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options) {
-  return collect([&] { execute(words); }, options);
+Outcome runCommand(const std::vector<std::string>& words, const AtCall& atCall) {
+  return collect([&] { execute(words); }, atCall);
 }
 
-Outcome cli(std::vector<std::string> arguments, const RunOptions& options) {
+Outcome shell(const std::string& script) {
+  return runCommand({"bash", "-c", script, kCli});
+}
+
+Outcome cli(std::vector<std::string> arguments, const AtCall& atCall) {
   arguments.insert(arguments.begin(), kCli);
-  return runCommand(arguments, options);
+  return runCommand(arguments, atCall);
 }
 
-Outcome cliLine(std::string_view line, char separator, const RunOptions& options) {
+Outcome cliLine(std::string_view line, char separator, const AtCall& atCall) {
   std::vector<std::string> words;
   for (const std::string_view word : splitAt(line, separator))
     words.emplace_back(word);
-  return cli(words, options);
+  return cli(words, atCall);
 }
 
 pid_t startBystander(const std::string& name) {

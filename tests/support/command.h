@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,26 +25,20 @@ struct Outcome {
   friend std::ostream& operator<<(std::ostream& stream, const Outcome& outcome);
 };
 
-enum class Ends { open, closed, brokenPipe };
-
-struct RunOptions {
-  Ends out = Ends::open;  // what the command finds as its standard output...
-  Ends err = Ends::open;  // ...and standard error
-  Body inChild = {};      // limits, umask, identity: between fork and exec
-  AtCall atCall = {};     // is told of each system call of the command
-};
-
 /// Runs `body` in a process of its own and collects both streams. See runInChild.
-Outcome collect(const Body& body, const RunOptions& options = {});
+Outcome collect(const Body& body, const AtCall& atCall = {});
 
 /// Likewise a program with its arguments.
-Outcome runCommand(const std::vector<std::string>& words, const RunOptions& options = {});
+Outcome runCommand(const std::vector<std::string>& words, const AtCall& atCall = {});
+
+/// Runs a script, in which "$0" is the built morvane_cli.
+Outcome shell(const std::string& script);
 
 /// Runs the built morvane_cli with `arguments`.
-Outcome cli(std::vector<std::string> arguments, const RunOptions& options = {});
+Outcome cli(std::vector<std::string> arguments, const AtCall& atCall = {});
 
 /// Likewise, its arguments being the pieces of `line` between the separators, empty ones included.
-Outcome cliLine(std::string_view line, char separator = ' ', const RunOptions& options = {});
+Outcome cliLine(std::string_view line, char separator = ' ', const AtCall& atCall = {});
 
 /// Becomes this program; does not come back.
 [[noreturn]] void execute(const std::vector<std::string>& words);

@@ -36,10 +36,6 @@ constexpr NamingCall kNamingCalls[] = {
     {SYS_symlinkat, 1, 2},  {SYS_fchownat, 0, 1},   {SYS_utimensat, 0, 1},
     {SYS_renameat2, 0, 1},  {SYS_renameat, 0, 1},   {SYS_getdents64, 0, kNone},
     {SYS_fchown, 0, kNone}, {SYS_fchmod, 0, kNone}, {SYS_flistxattr, 0, kNone},
-#ifdef __x86_64__
-    {SYS_open, kNone, 0},   {SYS_unlink, kNone, 0}, {SYS_rmdir, kNone, 0},
-    {SYS_mkdir, kNone, 0},  {SYS_stat, kNone, 0},   {SYS_lstat, kNone, 0},
-#endif
 };
 
 std::string textAt(pid_t pid, unsigned long address) {
@@ -108,7 +104,7 @@ std::string Call::path() const {
   for (const NamingCall& call : kNamingCalls) {
     if (call.number != number) continue;
     const std::string name = call.name == kNone ? "" : textAt(pid, arguments.at(call.name));
-    if (name.starts_with('/') || call.folder == kNone) return name;
+    if (name.starts_with('/')) return name;
     const std::string folder = pathOfDescriptor(pid, static_cast<int>(arguments.at(call.folder)));
     return name.empty() ? folder : folder + "/" + name;
   }

@@ -28,9 +28,9 @@ std::string putGroup(const std::string& folderName, std::string_view metadata);
 
 /// Everything at once that an app can put into its folder to trouble a privileged copier or
 /// cleaner: names of 255 bytes, with line feeds, not UTF-8; links out of the tree, to folders,
-/// dangling and in circles; FIFOs and sockets; a folder that nobody may enter; holes, empty
-/// folders, a chain of `depth` folders. More of it, and all modes, owners, times, extended
-/// attributes and access lists, are as `seed` decides. `outside` is what the links aim at.
+/// dangling and in circles; FIFOs and sockets; holes, empty folders, a chain of `depth` folders.
+/// More of it, and all modes, owners, times, extended attributes and access lists, are as `seed`
+/// decides. `outside` is what the links aim at.
 void putHostileTree(const std::string& path, const std::string& outside, int depth = 300,
                     unsigned seed = 1);
 
@@ -47,17 +47,14 @@ using Tree = std::map<std::string, std::string>;
 /// is there.
 Tree treeAt(const std::string& path);
 
-enum class Specials { keep, drop };
-
-/// The differences between two trees, a line each; empty when there are none. `drop` passes over
-/// FIFOs, sockets and devices, which no backup carries.
-std::string differences(Tree expected, Tree actual, Specials specials = Specials::drop);
+/// The differences between two trees, a line each; empty when there are none. FIFOs, sockets and
+/// devices are not expected again: no backup carries them.
+std::string differences(Tree expected, Tree actual);
 
 /// The relative paths in `path`, sorted, without the root: for cases in which only names matter.
 std::vector<std::string> namesIn(const std::string& path);
 
 bool exists(const std::string& path);  // the link itself counts
 std::string contentOf(const std::string& path);
-unsigned modeOf(const std::string& path);
 
 }  // namespace morvane::test
