@@ -106,9 +106,12 @@ Outcome cliWhere(const std::vector<std::string>& words, long number, const std::
 TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
   const std::string app = putApp("app", "com.a");
   const std::string staging = ".staging_daily_" + std::to_string(::getpid());
-  // Left by a run of the same number that is dead; and held by one that is not.
+  // Left by runs that are dead; and held by one that is not.
   put(kStore + "/" + staging + "/com.dead/x");
+  put(kStore + "/.staging_daily_1/com.dead/x");
   Staging first("daily");
+  EXPECT_EQ(cliLine("removebackup ALL").status, 0);
+  EXPECT_EQ(namesIn(kStore), Names{staging}) << "of a run at work";
   EXPECT_EQ(Staging("daily").publish({"com.b"}), staging + ": Device or resource busy");
   EXPECT_EQ(first.publish({"com.old"}), "");
   EXPECT_EQ(namesIn(kStore), (Names{"daily.morvane", "daily.morvane/manifest.txt"}));
@@ -125,6 +128,21 @@ TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
     if (call.opens() && call.path() == kDaily + "/com.a/Documents") call.answer(-EIO);
   });
   EXPECT_TRUE(exists(app + "/Documents/kept-by-Documents"));
+}
+
+TEST_F(BackupsAndRestores, EndAndLastWhereTheStoreIsInTheAppsFolder) {
+  const std::string documents = putApp("app", "com.a") + "/Documents";
+  const std::string backup = documents + "/deep/store/daily.morvane/com.a/Documents";
+  putFolder(documents + "/deep/store");
+  putLink(kStore, documents + "/deep/store");
+  for (const char* keywords : {"", "no-such-name"}) {
+    const Outcome made = cli({"backup", "com.a", "daily", keywords});
+    EXPECT_NE(made.err.find("incomplete for com.a: 1 file"), std::string::npos) << made;
+    EXPECT_EQ(namesIn(backup), Names{"kept-by-Documents"});
+  }
+  const Outcome restored = cliLine("restore daily.morvane");
+  EXPECT_NE(restored.err.find("incomplete for com.a: 1 file"), std::string::npos) << restored;
+  EXPECT_EQ(namesIn(backup), Names{"kept-by-Documents"});
 }
 
 TEST_F(BackupsAndRestores, ANewBackupReplacesAnOlderOneWholeOrNotAtAll) {
