@@ -24,13 +24,15 @@
 namespace morvane {
 namespace {
 
-/// Whether the folder at `path` holds the one open at `fd`, however far below.
-bool holds(const std::string& path, int fd) {
+/// Whether the folder at `path` may hold the one open at `fd`, however far below: what cannot be
+/// found out may be so.
+bool mayHold(const std::string& path, int fd) {
   const UniqueFd folder = openFolderTrusting(path);
+  if (!folder) return errno != ENOENT && errno != ENOTDIR && errno != ELOOP;
   struct stat status;
-  if (!folder || fstat(folder.get(), &status) != 0) return false;
-  const std::vector<FolderId> lineage = lineageOf(fd);
-  return std::find(lineage.begin(), lineage.end(), FolderId(status)) != lineage.end();
+  const std::optional<std::vector<FolderId>> lineage = lineageOf(fd);
+  if (!lineage || fstat(folder.get(), &status) != 0) return true;
+  return std::find(lineage->begin(), lineage->end(), FolderId(status)) != lineage->end();
 }
 
 /// Replaces the app's kept folders by those in its folder of the backup. False where it has none.
@@ -45,7 +47,7 @@ bool restoreFolders(int appFd, const std::string& container, CopyTally& tally) {
     // store is in the app's folder.
     if (!openFolderTrustingAt(appFd, folder) && tally.noteUnopened(errno)) continue;
     const std::string target = container + "/" + folder;
-    if (holds(target, appFd)) {
+    if (mayHold(target, appFd)) {
       tally.note({EINVAL, platform::CopySide::destination});
       continue;
     }
@@ -74,11 +76,13 @@ bool restoreApp(int backupFd, const std::string& name) {
   }
   progress::startStep("restoring", name);
   CopyTally tally;
-  if (!restoreFolders(appFd.get(), *container, tally)) return false;
-  syncContainer(name, *container);
-  logf_("container restored: %@", name);
+  const bool restored = restoreFolders(appFd.get(), *container, tally);
+  if (restored) {
+    syncContainer(name, *container);
+    logf_("container restored: %@", name);
+  }
   logIncompleteCopy(name, tally);
-  return true;
+  return restored;
 }
 
 }  // namespace

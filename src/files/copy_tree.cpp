@@ -36,7 +36,9 @@ CopyOutcome sourceFailure() {
 class Copier : public TreeVisitor {
  public:
   Copier(int dst, const CopyOptions& options, CopyTally& tally)
-      : options_(options), tally_(tally), dstLineage_(lineageOf(dst)) {
+      : options_(options),
+        tally_(tally),
+        dstLineage_(lineageOf(dst).value_or(std::vector<FolderId>())) {
     place_.start(dst);
   }
 

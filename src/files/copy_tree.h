@@ -57,7 +57,8 @@ struct CopyOptions {
 /// Copies what is below the folder open at `src` into the folder open at `dst`, with everything
 /// that platform::copyFileAt and its siblings keep; no link in either is followed. FIFOs, sockets
 /// and devices are left out and never opened. A folder that holds `dst` is left out and
-/// counted as failed. Under a filter, a link that resolves to a folder becomes an empty folder. Goes on after every failure; `tally` is added to.
+/// counted as failed. Under a filter, a link that resolves to a folder becomes an empty folder.
+/// Goes on after every failure; `tally` is added to.
 void copyContents(int src, int dst, const CopyOptions& options, CopyTally& tally);
 
 }  // namespace morvane

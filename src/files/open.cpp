@@ -137,18 +137,19 @@ bool isPrivateFolder(int fd) {
          (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
-std::vector<FolderId> lineageOf(int fd) {
+std::optional<std::vector<FolderId>> lineageOf(int fd) {
   std::vector<FolderId> lineage;
   UniqueFd opened;
   struct stat status;
   while (fstat(fd, &status) == 0) {
     const FolderId folder(status);
-    if (!lineage.empty() && lineage.back() == folder) break;  // the root holds itself
+    if (!lineage.empty() && lineage.back() == folder) return lineage;  // the root holds itself
     lineage.push_back(folder);
     opened = openFolderAt(fd, "..");
+    if (!opened && (errno == EACCES || errno == EPERM)) return lineage;
     fd = opened.get();
   }
-  return lineage;
+  return std::nullopt;
 }
 
 std::optional<struct stat> statusAt(int dirFd, const char* name) {

@@ -69,8 +69,9 @@ struct FolderId {
   friend bool operator==(const FolderId&, const FolderId&) = default;
 };
 
-/// The folder open at `fd` and those that hold it, upwards, as far as they can be opened.
-[[nodiscard]] std::vector<FolderId> lineageOf(int fd);
+/// The folder open at `fd` and those that hold it, up to the root or to one that may not be
+/// opened. Nothing with errno where one of them cannot be.
+[[nodiscard]] std::optional<std::vector<FolderId>> lineageOf(int fd);
 
 /// The names in the folder open at `fd`, in listing order; as many as can be read.
 [[nodiscard]] std::vector<std::string> namesIn(int fd);

@@ -124,10 +124,11 @@ TEST_F(BackupsAndRestores, AreSafeFromWhatAnotherRunOrTheSystemDoes) {
   EXPECT_EQ(cliWhere(backup, SYS_renameat2, "", EINVAL).out, "BACKUP_OK daily.morvane\n");
   EXPECT_EQ(contentOf(kDaily + "/manifest.txt"), "com.a");
   // What the app has is not given up for what cannot be read.
+  put(app + "/Documents/newer");
   cli({"restore", "daily.morvane"}, [](const Call& call) {
     if (call.opens() && call.path() == kDaily + "/com.a/Documents") call.answer(-EIO);
   });
-  EXPECT_TRUE(exists(app + "/Documents/kept-by-Documents"));
+  EXPECT_TRUE(exists(app + "/Documents/newer"));
 }
 
 TEST_F(BackupsAndRestores, EndAndLastWhereTheStoreIsInTheAppsFolder) {
@@ -182,6 +183,8 @@ TEST_F(BackupsAndRestores, ARestoreTouchesOnlyWhatTheBackupHolds) {
   EXPECT_EQ(namesIn(app),
             (Names{kMetadataName, "Documents", "Library", "Library/sub", "Library/sub/restored",
                    "SystemData", "SystemData/kept-by-SystemData", "tmp", "tmp/kept-by-tmp"}));
+  put(kStore + "/only.morvane/com.a/Documents", "a file");
+  EXPECT_EQ(cliLine("restore only.morvane").status, 0);
   put(kStore + "/file.morvane");
   putLink(kStore + "/dangling.morvane", "/nowhere");
   for (const char* command : {"restore file.morvane", "restore dangling.morvane"})

@@ -37,7 +37,9 @@ extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name
 extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
   const std::string text(data, strnlen(data, size));  // an argument ends at its NUL
   require(isValidToken(text) == isToken(text), "a token is safe, and what is safe is a token");
-  require(!isValidBackupFilename(text) || isToken(text), "a file name is safe");
+  const bool named = text.size() > 8 && text.ends_with(".morvane");
+  require(isValidBackupFilename(text) == (named && isToken(text)),
+          "a file name is one by both rules");
   try {
     for (const std::string& bundle : parseBundles(text))
       require(isToken(bundle), "every identifier is safe");

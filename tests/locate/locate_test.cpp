@@ -76,6 +76,9 @@ TEST_F(OnlyTheNamedAppIsFound, WhateverElseLiesAmongTheContainers) {
   EXPECT_EQ(sorted(dirScanContaining(root, "com.a")), found);
   ::close(fed);
   EXPECT_EQ(findContainer("com.ap"), found[0]) << "part of a longer identifier does";
+  if (!ownershipIsFree()) SKIP_OR_FAIL("only root can plant another user's link");
+  ASSERT_EQ(::lchown((root + "/link").c_str(), 501, 501), 0);
+  EXPECT_EQ(dirScanContaining(root, "com.a").size(), 2U) << "an app's own link counted";
 }
 
 TEST_F(OnlyTheNamedAppIsFound, GroupsByTheVendorsPrefix) {

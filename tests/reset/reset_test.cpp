@@ -23,7 +23,7 @@ const std::string kGroup = "/var/mobile/Containers/Shared/AppGroup/group/";
 
 /// Makes these files, and folders where a name ends in "/", in `folder`. Braces are the shell's.
 void putAll(const std::string& folder, const std::string& names) {
-  shell("mkdir -p " + folder + "; cd " + folder + "; for name in " + names +
+  shell("mkdir -p " + folder + "; cd /" + folder + "; for name in " + names +
         "; do mkdir -p $(dirname $name.); [ -d $name ] || echo x >$name; done");
 }
 
@@ -147,7 +147,7 @@ TEST_F(FreshInstall, IsDisturbedByNoProcessOfTheAppAndStopsNoOther) {
        "InstagramX,nstagram,com.burbn.instaX"},
       {"a.bcd.instagramX kill", 1, "instagramx,a.bcd.instagramX",
        "a.bcd.instagram,a.bcd.instagraX"},
-      {"com.unknown.thing kill", 1, "thing", "securityd,secd,com.unknown"},
+      {"com.unknown.thing kill", 1, "thing", "securityd,secd,com.unknown,thing) S 1"},
       {"com.unknown.thing. kill sys=0", 1, "", "thing"},
       {"com.apple.mobilesafari kill sys=0", 1, "mobilesafari,SafariViewService,XsafariX",
        "secd,Safar,beyond 16: Safari"},
