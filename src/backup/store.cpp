@@ -147,7 +147,7 @@ bool Staging::isAt(const std::string& name) const {
   struct stat ours;
   const std::optional<struct stat> there = statusAt(store_.get(), name.c_str());
   if (!there || fstat(folder_.get(), &ours) != 0) return false;
-  return there->st_dev == ours.st_dev && there->st_ino == ours.st_ino;
+  return FolderId(*there) == FolderId(ours);
 }
 
 void removeAllBackups() {

@@ -60,7 +60,7 @@ namespace morvane {
 /// Whether that something is a folder, links followed.
 [[nodiscard]] bool isFolderAt(int dirFd, const char* name);
 
-/// Which folder it is, whatever it is called.
+/// Tells a folder from every other, whatever it is called.
 struct FolderId {
   dev_t device;
   ino_t inode;
